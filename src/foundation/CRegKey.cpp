@@ -1,0 +1,62 @@
+#include "foundation/CRegKey.h"
+
+#include <new>
+
+#include <boost/shared_ptr.hpp>
+
+LONG CRegKey::Open(HKEY hParent, const wchar_t* pszSubKey, REGSAM samDesired) {
+    HKEY hKey = nullptr;
+    LONG lResult = RegOpenKeyExW(hParent, pszSubKey, 0, samDesired | KEY_WOW64_64KEY, &hKey);
+    if (lResult != ERROR_SUCCESS) {
+        lResult = RegOpenKeyExW(hParent, pszSubKey, 0, samDesired, &hKey);
+    }
+    if (lResult != ERROR_SUCCESS) {
+        return lResult;
+    }
+    Close();
+    m_hKey = hKey;
+    return ERROR_SUCCESS;
+}
+
+LONG CRegKey::Close() {
+    if (m_hKey == nullptr) {
+        return ERROR_SUCCESS;
+    }
+    const LONG lResult = RegCloseKey(m_hKey);
+    m_hKey = nullptr;
+    return lResult;
+}
+
+LONG CRegKey::QueryValue(const wchar_t* pszName, std::wstring& strOut) {
+    DWORD cbData = 0;
+    LONG lResult = RegQueryValueExW(m_hKey, pszName, nullptr, nullptr, nullptr, &cbData);
+    if (lResult != ERROR_SUCCESS) {
+        return lResult;
+    }
+    // One spare byte so that an empty value still gets a buffer of its own.
+    boost::shared_ptr<BYTE[]> shpData(new (std::nothrow) BYTE[cbData + 1]);
+    if (!shpData) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    lResult = RegQueryValueExW(m_hKey, pszName, nullptr, nullptr, shpData.get(), &cbData);
+    if (lResult != ERROR_SUCCESS) {
+        return lResult;
+    }
+    // The data need not end with a NUL: take the returned bytes only, up to the first NUL.
+    const wchar_t* pszText = reinterpret_cast<const wchar_t*>(shpData.get());
+    const size_t nMaxChars = cbData / sizeof(wchar_t);
+    size_t nChars = 0;
+    while (nChars < nMaxChars && pszText[nChars] != L'\0') {
+        ++nChars;
+    }
+    strOut.assign(pszText, nChars);
+    return ERROR_SUCCESS;
+}
+
+LONG CRegKey::SetValue(const wchar_t* pszName, const wchar_t* pszText) {
+    if (pszText == nullptr || m_hKey == nullptr) {
+        return ERROR_INVALID_DATA;
+    }
+    const DWORD cbData = static_cast<DWORD>((wcslen(pszText) + 1) * sizeof(wchar_t));
+    return RegSetValueExW(m_hKey, pszName, 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(pszText), cbData);
+}

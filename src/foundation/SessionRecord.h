@@ -1,0 +1,12 @@
+#pragma once
+
+#include <windows.h>
+
+// One interactive user session, found by its explorer.exe. Copied by value; the copy kept in a
+// monitor's session table is the one that owns hAgentProcess.
+struct SessionRecord {
+    DWORD dwSessionId;     // session id of the session's explorer.exe
+    DWORD dwExplorerPid;   // that explorer.exe; the agent is started with its token
+    HANDLE hAgentProcess;  // the agent started in the session; null while none runs
+    bool bOff;             // the agent ended gracefully or could not be started again
+};

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include <boost/noncopyable.hpp>
+#include <boost/shared_ptr.hpp>
+
+// The names of the kernel objects through which the watchdog meets the other client components,
+// its run-key instances and a successor supervisor. The names are the contract: exact.
+#define EVENT_ID_BREVANT_TERMINATE_WATCHDOG L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG"
+#define QO_WATCH_DOG_NAMED_MUTEX L"Global\\_QO_WATCH_DOG_NAMED_MUTEX"
+#define EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC"
+#define EVENT_ID_BREVANT_WATCHDOG_RELOAD L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD"
+#define EVENT_ID_BREVANT_STOP_SERVICE L"Global\\EVENT_ID_BREVANT_STOP_SERVICE"
+#define EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK L"Global\\EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK"
+#define EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING \
+    L"Global\\EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING"
+#define EVENT_ID_BREVANT_WATCHDOG_CLOSE L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE"
+#define EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD"
+#define EVENT_ID_BREVANT_START_SERVICE L"Global\\EVENT_ID_BREVANT_START_SERVICE"
+
+// Full access for Everyone and LocalSystem, inherited by child objects: objects created with it
+// can be opened and set from every user session.
+#define DEF_SEC_ATTR_SDDL L"D:(A;OICI;GA;;;WD)(A;OICI;GA;;;SY)"
+
+// Security attributes built from a descriptor string. Copies share the converted descriptor,
+// which is freed with the last of them; objects created with it keep their own copy.
+struct DefSecAttr : public SECURITY_ATTRIBUTES {
+    explicit DefSecAttr(const wchar_t* pszSddl);
+    virtual ~DefSecAttr();
+
+    // False when the string could not be converted: the attributes then carry no descriptor,
+    // so an object created with them gets the creator's default security.
+    bool HasDescriptor() const { return lpSecurityDescriptor != nullptr; }
+
+private:
+    boost::shared_ptr<void> m_shpDescriptor;
+};
+
+// Owner of one event handle, created or, when the name exists, opened.
+class CEvent : private boost::noncopyable {
+public:
+    // An existing event keeps its reset mode, state and security: bManualReset and pAttributes
+    // then have no effect. The handle is null when the event can be neither created nor opened.
+    CEvent(const std::wstring& strName, bool bManualReset, LPSECURITY_ATTRIBUTES pAttributes = nullptr);
+    ~CEvent();
+
+    bool IsValid() const { return m_hEvent != nullptr; }
+    bool Set();
+    HANDLE GetHandle() const { return m_hEvent; }
+
+    // True when the event can be opened with full access; an event that exists but denies that
+    // access counts as absent. The open's error code goes to *pdwError when given.
+    static bool Exists(const std::wstring& strName, DWORD* pdwError = nullptr);
+
+private:
+    HANDLE m_hEvent;
+};
+
+namespace BrevantUtility {
+namespace OperationSystem {
+
+// A named mutex whose existence alone is the signal: it is never waited on or released.
+class CMutex : private boost::noncopyable {
+public:
+    explicit CMutex(const std::wstring& strName);
+    virtual ~CMutex();
+
+    bool Exists() const;
+    bool Create();
+    void Close();
+
+private:
+    HANDLE m_hMutex;
+    std::wstring m_strName;
+};
+
+}  // namespace OperationSystem
+}  // namespace BrevantUtility

@@ -1,0 +1,112 @@
+#include "session/utilWinUserSession.h"
+
+#include <tlhelp32.h>
+
+#include <new>
+
+#include <boost/shared_ptr.hpp>
+
+#include "foundation/CRegKey.h"
+#include "foundation/ScopedHandle.h"
+#include "foundation/logging.h"
+#include "session/utilInteractiveProcess.h"
+
+bool EnumUserSession(std::vector<SessionRecord>& sessions) {
+    CScopedHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    if (!snapshot.IsValid()) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"CreateToolhelp32Snapshot Err=" << dwErr);
+        return false;
+    }
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof(entry);
+    if (!Process32FirstW(snapshot.Get(), &entry)) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"CreateToolhelp32Snapshot Err=" << dwErr);
+        return false;
+    }
+    do {
+        if (_wcsicmp(entry.szExeFile, L"explorer.exe") == 0) {
+            DWORD dwSessionId = 0;
+            // A shell that has exited meanwhile, or cannot be queried, is simply not listed.
+            if (ProcessIdToSessionId(entry.th32ProcessID, &dwSessionId)) {
+                SessionRecord record = {};
+                record.dwSessionId = dwSessionId;
+                record.dwExplorerPid = entry.th32ProcessID;
+                sessions.push_back(record);
+            }
+        }
+    } while (Process32NextW(snapshot.Get(), &entry));
+    return true;
+}
+
+bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath, SessionRecord& record) {
+    CScopedHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
+    if (!explorer.IsValid()) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"OpenProcess Err=" << dwErr);
+        return false;
+    }
+    HANDLE hRawToken = nullptr;
+    if (!OpenProcessToken(explorer.Get(), TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY, &hRawToken)) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"OpenProcessToken Err=" << dwErr);
+        return false;
+    }
+    CScopedHandle token(hRawToken);
+
+    // The launch wants a writable copy of the path.
+    const size_t nChars = agentPath.size() + 1;
+    boost::shared_ptr<wchar_t[]> shpPath;
+    if (nChars <= static_cast<size_t>(-1) / sizeof(wchar_t)) {
+        shpPath.reset(new (std::nothrow) wchar_t[nChars]());
+    }
+    if (!shpPath) {
+        LOG_ERROR(L"Out of Memory");
+        return false;
+    }
+    agentPath.copy(shpPath.get(), agentPath.size());
+
+    HANDLE hAgent = nullptr;
+    const BOOL bLaunched = LaunchInteractiveProcess(token.Get(), &hAgent, shpPath.get(), workingPath.c_str());
+    if (bLaunched) {
+        record.hAgentProcess = hAgent;
+        LOG_INFO(L" Create Session Agent successfully session ID = " << record.dwSessionId);
+    } else {
+        LOG_ERROR(L" Create Session Agent failed session ID = " << record.dwSessionId);
+    }
+    LOG_INFO(L"Explorer.exe PID=" << record.dwExplorerPid);
+    token.Close();
+    explorer.Close();
+    return bLaunched != FALSE;
+}
+
+bool GetSystemEnvPath(std::wstring& strPath) {
+    CRegKey key;
+    LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV, KEY_ALL_ACCESS);
+    if (lResult != ERROR_SUCCESS) {
+        LOG_ERROR(L"CRegKey::Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV) Err=" << lResult);
+        return false;
+    }
+    lResult = key.QueryValue(ENVIRONMENT_PATH, strPath);
+    if (lResult != ERROR_SUCCESS) {
+        LOG_ERROR(L"CRegKey::QueryValue(ENVIRONMENT_PATH) Err=" << lResult);
+        return false;
+    }
+    return true;
+}
+
+bool SetSystemEnvPath(const std::wstring& strPath) {
+    CRegKey key;
+    LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV, KEY_ALL_ACCESS);
+    if (lResult != ERROR_SUCCESS) {
+        LOG_ERROR(L"CRegKey::Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV) Err=" << lResult);
+        return false;
+    }
+    lResult = key.SetValue(ENVIRONMENT_PATH, strPath.c_str());
+    if (lResult != ERROR_SUCCESS) {
+        LOG_ERROR(L"CRegKey::SetValue(ENVIRONMENT_PATH) Err=" << lResult);
+        return false;
+    }
+    return true;
+}

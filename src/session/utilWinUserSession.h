@@ -1,0 +1,25 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "foundation/SessionRecord.h"
+
+// The machine-wide environment, under HKEY_LOCAL_MACHINE, and its search path value.
+#define REG_SYSTEM_ENV L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment"
+#define ENVIRONMENT_PATH L"Path"
+
+// Appends one record for every process named explorer.exe (any letter case), with its session
+// id and process id. True when the process list could be walked, even when it held none; on
+// failure the list is left as it was.
+bool EnumUserSession(std::vector<SessionRecord>& sessions);
+
+// Starts agentPath in the session of record.dwExplorerPid, as the user of that explorer.exe, with
+// workingPath as its current directory. On success the record owns the new process handle.
+bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath, SessionRecord& record);
+
+// Read and write the system Path, as stored (unexpanded); both need administrative rights.
+bool GetSystemEnvPath(std::wstring& strPath);
+bool SetSystemEnvPath(const std::wstring& strPath);

@@ -1,0 +1,477 @@
+#include "watchdog/QoWatchDog.h"
+
+#include <shellapi.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "foundation/SessionRecord.h"
+#include "foundation/TrimWorkingSet.h"
+#include "foundation/kernel_objects.h"
+#include "foundation/logging.h"
+#include "foundation/service.h"
+#include "session/SessionAgentMonitor.h"
+#include "session/utilWinUserSession.h"
+#include "watchdog/WatchDog.h"
+
+using BrevantUtility::OperationSystem::CMutex;
+
+namespace {
+
+const DWORD INSTALL_DIR_CHARS = 261;
+const DWORD WORKING_PATH_CHARS = 260;
+const DWORD EXPLORER_POLL_MS = 200;
+const DWORD HANDOVER_POLL_MS = 200;
+// The hand-over line is written on the first pass and then every 9001 passes (about 30 minutes).
+const int HANDOVER_LOG_EVERY = 9000;
+const int EXIT_FAILURE_CODE = -1;
+
+// Positions of the main loop's wait array.
+enum MainWaitPosition {
+    POS_RELOAD = 0,
+    POS_STOP_SERVICE = 1,
+    POS_TERMINATE = 2,
+    POS_PARENT = 3,
+    POS_SHUTDOWN_UIFRAMEWORK = 4,
+    POS_TERMINATE_AGENT_AND_WAITING = 5,
+    MAIN_WAIT_COUNT = 6
+};
+
+std::wstring ToDecimal(DWORD dwValue) { return std::to_wstring(dwValue); }
+
+// The value's text from the bytes the registry returned, up to the first NUL within them.
+std::wstring TextOf(const wchar_t* pszBuffer, DWORD cbData) {
+    const size_t nMax = cbData / sizeof(wchar_t);
+    size_t n = 0;
+    while (n < nMax && pszBuffer[n] != L'\0') {
+        ++n;
+    }
+    return std::wstring(pszBuffer, n);
+}
+
+// The log directory when the platform's debug directory cannot be had: TEMP, and when that is
+// not set, whatever the system names as its temporary directory.
+std::wstring FallbackLogDirectory() {
+    const wchar_t* pszTemp = _wgetenv(L"TEMP");
+    if (pszTemp != nullptr && *pszTemp != L'\0') {
+        return pszTemp;
+    }
+    wchar_t szTemp[MAX_PATH + 1] = {};
+    const DWORD n = GetTempPathW(MAX_PATH + 1, szTemp);
+    return (n > 0 && n <= MAX_PATH) ? std::wstring(szTemp) : std::wstring();
+}
+
+void SetLogFile(const std::wstring& strDir) {
+    if (strDir.empty()) {
+        return;  // nowhere to write: lines go to the debugger output
+    }
+    std::wstring strFile = strDir;
+    if (strFile.back() != L'\\') {
+        strFile += L'\\';
+    }
+    strFile += LOG_FILE_NAME;
+    GetLogger().set_file(strFile.c_str());
+}
+
+int RunKeyMode() {
+    LOG_INFO(L"Watch Dog started by runkey");
+    int nRet = 0;
+    if (!waitExplorerProcessReady(EXPLORER_READY_TIMEOUT_MS)) {
+        LOG_ERROR(L"waitExplorerProcessReady return false, Session Agent fail to create!!");
+    }
+    if (!SetWatchDogReloadEvent()) {
+        nRet = EXIT_FAILURE_CODE;
+    }
+    LOG_INFO(L"Exit Watch Dog From Run Key. nRet=" << nRet);
+    return nRet;
+}
+
+// A predecessor waiting in its final state holds the start event: ask it to start Keld and end,
+// then wait until its objects are gone.
+void HandOverFromPredecessor(const CMutex& mutex) {
+    if (!CEvent::Exists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC)) {
+        return;
+    }
+    LOG_INFO(L"event BREVANT_START_KELD_WITHOUT_UAC exists");
+    {
+        CEvent startKeld(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC, false);
+        if (!startKeld.Set()) {
+            const DWORD dwErr = GetLastError();
+            LOG_ERROR(L"oEventStartKeldWithoutUac.Set() Err=" << dwErr);
+        }
+    }
+    int nPasses = HANDOVER_LOG_EVERY;
+    while (CEvent::Exists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC) || mutex.Exists()) {
+        if (nPasses == HANDOVER_LOG_EVERY) {
+            LOG_INFO(L"event BREVANT_START_KELD_WITHOUT_UAC or another watch dog instance still exists");
+            nPasses = 0;
+        } else {
+            ++nPasses;
+        }
+        Sleep(HANDOVER_POLL_MS);
+    }
+    LOG_INFO(L"event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done");
+}
+
+// Reads where the session agent lives from Session_Agent.ini in the working directory.
+bool GetAgentLocation(std::wstring& strAgentDir, std::wstring& strAgentPath, bool& bNoWorkingPath) {
+    wchar_t szWorking[WORKING_PATH_CHARS] = {};
+    const DWORD nWorking = GetCurrentDirectoryW(WORKING_PATH_CHARS, szWorking);
+    // A directory that does not fit the buffer is as unusable as none.
+    if (nWorking == 0 || nWorking >= WORKING_PATH_CHARS) {
+        bNoWorkingPath = true;
+        return false;
+    }
+    bNoWorkingPath = false;
+    const std::wstring strWorking(szWorking);
+    std::wstring strIni = strWorking;
+    if (strIni.back() != L'\\') {
+        strIni += L'\\';
+    }
+    strIni += SESSION_AGENT_INI;
+
+    wchar_t szPath[WORKING_PATH_CHARS] = {};
+    wchar_t szName[WORKING_PATH_CHARS] = {};
+    GetPrivateProfileStringW(L"Session_Agent", L"Path", L"", szPath, WORKING_PATH_CHARS, strIni.c_str());
+    GetPrivateProfileStringW(L"Session_Agent", L"Name", L"", szName, WORKING_PATH_CHARS, strIni.c_str());
+    if (szPath[0] == L'\0' || szName[0] == L'\0') {
+        return false;
+    }
+    strAgentDir = strWorking + L"\\" + szPath;
+    strAgentPath = strAgentDir + L"\\" + szName;
+    return true;
+}
+
+// Serves reload and stop requests until one ends the loop. True when a final wait follows.
+bool RunMainLoop(CWatchDog* pWatchDog, const HANDLE (&waitArray)[MAIN_WAIT_COUNT]) {
+    for (;;) {
+        TrimWorkingSet();
+        const DWORD dwRet = WaitForMultipleObjects(MAIN_WAIT_COUNT, waitArray, FALSE, INFINITE);
+        switch (dwRet) {
+            case WAIT_OBJECT_0 + POS_RELOAD:
+                LOG_INFO(L"Session Reload!!");
+                pWatchDog->ReloadSessions();
+                break;
+            case WAIT_OBJECT_0 + POS_STOP_SERVICE:
+                LOG_INFO(L"Product Adapter Stop Event!!");
+                pWatchDog->SetCloseEvent(true);
+                break;
+            case WAIT_OBJECT_0 + POS_TERMINATE:
+                pWatchDog->SetCloseEvent(true);
+                LOG_INFO(L"Product Adapter Terminate Event!!");
+                return false;
+            case WAIT_OBJECT_0 + POS_PARENT:
+                pWatchDog->SetCloseEvent(true);
+                LOG_INFO(L"Product Adapter Ombrine Crash Event!!");
+                return true;
+            case WAIT_OBJECT_0 + POS_SHUTDOWN_UIFRAMEWORK:
+                LOG_INFO(L"Update Event!!");
+                pWatchDog->SetCloseEvent(false);
+                return false;
+            case WAIT_OBJECT_0 + POS_TERMINATE_AGENT_AND_WAITING:
+                pWatchDog->SetCloseEvent(true);
+                LOG_INFO(L"Close Session Agent and Waiting Event!!");
+                return true;
+            default:
+                pWatchDog->SetCloseEvent(true);
+                LOG_ERROR(L"WaitForMultipleObjects Error");
+                return false;
+        }
+    }
+}
+
+// Still holding the single-instance mutex, waits until a successor asks for Keld to be started
+// or a terminate request arrives.
+void FinalWait(HANDLE hTerminateEvent) {
+    DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
+    CEvent startKeld(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC, false, &secAttr);
+    const HANDLE waitArray[2] = {startKeld.GetHandle(), hTerminateEvent};
+    const DWORD dwRet = WaitForMultipleObjects(2, waitArray, FALSE, INFINITE);
+    if (dwRet == WAIT_OBJECT_0) {
+        StartKeldService();
+    }
+}
+
+int Supervise(DWORD dwParentPid, HANDLE hTerminateEvent) {
+    std::wstring strAgentDir;
+    std::wstring strAgentPath;
+    bool bNoWorkingPath = false;
+    if (!GetAgentLocation(strAgentDir, strAgentPath, bNoWorkingPath)) {
+        if (bNoWorkingPath) {
+            LOG_ERROR(L"Fail to get working path!!");
+        } else {
+            LOG_ERROR(L"Fail to get Session Agent path!!");
+        }
+        return EXIT_FAILURE_CODE;
+    }
+
+    CWatchDog* pWatchDog = CWatchDog::GetInstance();
+    if (pWatchDog == nullptr) {
+        LOG_ERROR(L"CWatchDog::GetInstance() Failed");
+        return EXIT_FAILURE_CODE;
+    }
+    pWatchDog->Init(strAgentPath.c_str(), strAgentDir.c_str());
+
+    if (!pWatchDog->WaitStartEvent(dwParentPid)) {
+        LOG_ERROR(L"Wait Start Event failed");
+        return EXIT_FAILURE_CODE;
+    }
+    pWatchDog->ReloadSessions();
+    LOG_INFO(L"Exit Reload User Session on Startup");
+
+    DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
+    CEvent reloadEvent(EVENT_ID_BREVANT_WATCHDOG_RELOAD, false, &secAttr);
+    if (!reloadEvent.IsValid()) {
+        LOG_ERROR(L"Failed to create watch dog reload event");
+        return EXIT_FAILURE_CODE;
+    }
+    CEvent stopServiceEvent(EVENT_ID_BREVANT_STOP_SERVICE, false);
+    if (!stopServiceEvent.IsValid()) {
+        LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_STOP_SERVICE) Failed");
+        return EXIT_FAILURE_CODE;
+    }
+    CEvent agentAndWaitingEvent(EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING, true);
+    if (!agentAndWaitingEvent.IsValid()) {
+        LOG_ERROR(L"Failed to create Close Session Agent and Waiting event");
+        return EXIT_FAILURE_CODE;
+    }
+    CEvent uiFrameworkEvent(EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK, true);
+    if (!uiFrameworkEvent.IsValid()) {
+        LOG_ERROR(L"Failed to create shutdown uiFramework event");
+        return EXIT_FAILURE_CODE;
+    }
+    if (pWatchDog->GetParentProcess() == nullptr) {
+        LOG_ERROR(L"Parent Process does not exist!!");
+        return EXIT_FAILURE_CODE;
+    }
+    const HANDLE waitArray[MAIN_WAIT_COUNT] = {reloadEvent.GetHandle(),      stopServiceEvent.GetHandle(),
+                                               hTerminateEvent,              pWatchDog->GetParentProcess(),
+                                               uiFrameworkEvent.GetHandle(), agentAndWaitingEvent.GetHandle()};
+
+    LOG_INFO(L"Enter WaitForMultipleObjects Main Loop");
+    if (RunMainLoop(pWatchDog, waitArray)) {
+        FinalWait(hTerminateEvent);
+    }
+    WaitForAllMonitorThreads();
+    CWatchDog::ReleaseInstance();
+    LOG_INFO(L"Watch Dog finished");
+    return 0;
+}
+
+}  // namespace
+
+bool GetKeldDebugLogPath(std::wstring& strDir, std::wstring& strMessage) {
+    strDir.clear();
+    strMessage.clear();
+    HKEY hKey = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_KELD_KEY, 0, KEY_READ, &hKey) != ERROR_SUCCESS) {
+        strMessage += L"RegOpenKeyExW failed. GetLastError=" + ToDecimal(GetLastError());
+        return false;
+    }
+    wchar_t szInstallDir[INSTALL_DIR_CHARS] = {};
+    DWORD cbData = sizeof(szInstallDir);
+    const LONG lQuery = RegQueryValueExW(hKey, REG_VALUE_INSTALL_DIR, nullptr, nullptr,
+                                         reinterpret_cast<BYTE*>(szInstallDir), &cbData);
+    const DWORD dwQueryErr = GetLastError();
+    RegCloseKey(hKey);
+    if (lQuery != ERROR_SUCCESS || cbData == 0) {
+        strMessage += L"RegQueryValueW failed. GetLastError=" + ToDecimal(dwQueryErr);
+        return false;
+    }
+    // The bytes returned bound the text, whether or not the value ends with a NUL.
+    std::wstring strLogDir = TextOf(szInstallDir, cbData);
+    if (strLogDir.empty()) {
+        strMessage += L"InstallDir is empty";
+        return false;
+    }
+    if (strLogDir.back() != L'\\') {
+        strLogDir += L'\\';
+    }
+    strLogDir += L"debug";
+
+    const DWORD dwAttributes = GetFileAttributesW(strLogDir.c_str());
+    if (dwAttributes == INVALID_FILE_ATTRIBUTES || (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+        if (!CreateDirectoryW(strLogDir.c_str(), nullptr)) {
+            const DWORD dwErr = GetLastError();
+            if (dwErr != ERROR_ALREADY_EXISTS) {
+                strMessage += L"CreateDirectoryW failed. GetLastError=" + ToDecimal(dwErr) + L", path=" + strLogDir;
+                return false;
+            }
+        }
+    }
+    strDir = strLogDir;
+    return true;
+}
+
+bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
+    const DWORD dwStart = GetTickCount();
+    DWORD dwOwnSession = 0;
+    if (!ProcessIdToSessionId(GetCurrentProcessId(), &dwOwnSession)) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"ProcessIdToSessionId Error:" << dwErr);
+        return false;
+    }
+    std::vector<SessionRecord> sessions;
+    for (;;) {
+        sessions.clear();
+        if (!EnumUserSession(sessions)) {
+            LOG_ERROR(L"EnumUserSession fail");
+            return false;
+        }
+        for (const SessionRecord& record : sessions) {
+            if (record.dwSessionId == dwOwnSession) {
+                return true;
+            }
+        }
+        Sleep(EXPLORER_POLL_MS);
+        // Unsigned difference: correct across the tick counter's wrap-around.
+        if (GetTickCount() - dwStart >= dwTimeoutMs) {
+            return false;
+        }
+    }
+}
+
+bool SetWatchDogReloadEvent() {
+    HANDLE hEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, EVENT_ID_BREVANT_WATCHDOG_RELOAD);
+    if (hEvent == nullptr) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"Open Watch Dog Reload Event failed. Err=" << dwErr);
+        return false;
+    }
+    bool bResult = true;
+    if (SetEvent(hEvent)) {
+        LOG_INFO(L"Set Watch Dog Reload successfully. ");
+    } else {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"Set Watch Dog Reload failed. Err=" << dwErr);
+        bResult = false;
+    }
+    CloseHandle(hEvent);
+    return bResult;
+}
+
+bool IsServiceRunning(const std::wstring& strServiceName) {
+    SC_HANDLE hManager = OpenSCManagerW(nullptr, nullptr, GENERIC_READ);
+    if (hManager == nullptr) {
+        return false;
+    }
+    bool bRunning = false;
+    SC_HANDLE hService = OpenServiceW(hManager, strServiceName.c_str(), GENERIC_READ);
+    if (hService != nullptr) {
+        SERVICE_STATUS status = {};
+        bRunning = QueryServiceStatus(hService, &status) == TRUE && status.dwCurrentState == SERVICE_RUNNING;
+        CloseServiceHandle(hService);
+    }
+    CloseServiceHandle(hManager);
+    return bRunning;
+}
+
+DWORD CheckServiceAccess(const std::wstring& strServiceName, DWORD dwAccess) {
+    SC_HANDLE hManager = OpenSCManagerW(nullptr, nullptr, GENERIC_READ);
+    if (hManager == nullptr) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"OpenSCManager, GetLastError=" << dwErr);
+        return dwErr;
+    }
+    SC_HANDLE hService = OpenServiceW(hManager, strServiceName.c_str(), dwAccess);
+    if (hService == nullptr) {
+        const DWORD dwErr = GetLastError();
+        CloseServiceHandle(hManager);
+        LOG_ERROR(L"OpenService, GetLastError=" << dwErr);
+        return dwErr;
+    }
+    CloseServiceHandle(hService);
+    CloseServiceHandle(hManager);
+    return 0;
+}
+
+void StartKeldService() {
+    if (IsServiceRunning(KELD_SERVICE_NAME)) {
+        LOG_INFO(L"KELD service is running.");
+        return;
+    }
+    BrevantUtility::Service::Control control;
+    if (CheckServiceAccess(KELD_SERVICE_NAME, SERVICE_ALL_ACCESS) == 0) {
+        LOG_INFO(L"Start KELD service.");
+        control.Start(KELD_SERVICE_NAME);
+    }
+}
+
+void WaitForAllMonitorThreads() {
+    LOG_INFO(L"Start to Wait for All Monitor Thread.");
+    if (g_vecMonitorThreads.empty()) {
+        LOG_INFO(L"No Monitor Thread to be Waited.");
+        return;
+    }
+    // One wait takes at most 64 handles; repeated stop and reload cycles can leave more threads
+    // than that, so wait for them in batches and report the first failure, if any.
+    DWORD dwRet = WAIT_OBJECT_0;
+    for (size_t nFirst = 0; nFirst < g_vecMonitorThreads.size(); nFirst += MAXIMUM_WAIT_OBJECTS) {
+        const DWORD nCount =
+            static_cast<DWORD>(std::min<size_t>(MAXIMUM_WAIT_OBJECTS, g_vecMonitorThreads.size() - nFirst));
+        const DWORD dwBatch = WaitForMultipleObjects(nCount, &g_vecMonitorThreads[nFirst], TRUE, INFINITE);
+        if (dwRet == WAIT_OBJECT_0) {
+            dwRet = dwBatch;
+        }
+    }
+    LOG_INFO(L"Wait for All Monitor Thread. dwRet=" << dwRet);
+    for (HANDLE hThread : g_vecMonitorThreads) {
+        CloseHandle(hThread);
+    }
+    g_vecMonitorThreads.clear();
+}
+
+int WatchDogMain(const wchar_t* lpCmdLine) {
+    std::wstring strLogDir;
+    std::wstring strMessage;
+    const bool bDebugDir = GetKeldDebugLogPath(strLogDir, strMessage);
+    if (!bDebugDir) {
+        strLogDir = FallbackLogDirectory();
+    }
+    SetLogFile(strLogDir);
+
+    LOG_INFO(L"Start Watch Dog");
+    if (!bDebugDir) {
+        LOG_ERROR(L"GetKeldDebugLogPath failed. msg:" << strMessage);
+    }
+
+    int nParentPid = 0;
+    int nArgs = 0;
+    LPWSTR* ppArgs = CommandLineToArgvW(lpCmdLine, &nArgs);
+    if (ppArgs != nullptr) {
+        if (nArgs > 0) {
+            nParentPid = _wtoi(ppArgs[0]);
+        }
+        LocalFree(ppArgs);
+    }
+    if (nParentPid == 0) {
+        return RunKeyMode();
+    }
+
+    LOG_INFO(L"Watch Dog started");
+    DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
+    CEvent terminateEvent(EVENT_ID_BREVANT_TERMINATE_WATCHDOG, false, &secAttr);
+    if (!terminateEvent.IsValid()) {
+        LOG_ERROR(L"Failed to create watch dog terminate event");
+        return EXIT_FAILURE_CODE;
+    }
+    if (WaitForSingleObject(terminateEvent.GetHandle(), 0) == WAIT_OBJECT_0) {
+        LOG_INFO(L"Product Adapter notifies Watch Dog to terminate.");
+        return EXIT_FAILURE_CODE;
+    }
+
+    CMutex mutex(QO_WATCH_DOG_NAMED_MUTEX);
+    HandOverFromPredecessor(mutex);
+    if (mutex.Exists()) {
+        LOG_ERROR(L"Another instance is running!!");
+        return EXIT_FAILURE_CODE;
+    }
+    if (!mutex.Create()) {
+        LOG_ERROR(L"create mutex fail!!");
+        return EXIT_FAILURE_CODE;
+    }
+    return Supervise(static_cast<DWORD>(nParentPid), terminateEvent.GetHandle());
+}
+
+int APIENTRY wWinMain(HINSTANCE, HINSTANCE, LPWSTR lpCmdLine, int) { return WatchDogMain(lpCmdLine); }

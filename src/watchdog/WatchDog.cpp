@@ -1,0 +1,360 @@
+#include "watchdog/WatchDog.h"
+
+#include <direct.h>
+#include <stdlib.h>
+
+#include <new>
+#include <vector>
+
+#include "foundation/ScopedHandle.h"
+#include "foundation/SessionRecord.h"
+#include "foundation/TrimWorkingSet.h"
+#include "foundation/kernel_objects.h"
+#include "foundation/logging.h"
+#include "session/SessionAgentMonitor.h"
+#include "session/utilWinUserSession.h"
+
+CWatchDog* CWatchDog::s_pInstance = nullptr;
+INT32 CWatchDog::s_nRefCount = 0;
+CSLock CWatchDog::s_instanceLock;
+
+namespace {
+
+const DWORD FULL_PATH_CHARS = MAX_PATH;
+
+INIT_ONCE g_seAgntMaxNumOnce = INIT_ONCE_STATIC_INIT;
+DWORD g_dwSeAgntMaxNum = SE_AGNT_MAX_NUM_DEFAULT;
+
+BOOL CALLBACK LoadSeAgntMaxNum(PINIT_ONCE, PVOID, PVOID*) {
+    HKEY hKey = nullptr;
+    const LONG lResult = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, &hKey);
+    if (lResult != ERROR_SUCCESS) {
+        LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
+                  << lResult);
+    } else {
+        DWORD dwValue = 0;
+        DWORD dwType = 0;
+        DWORD cbData = sizeof(dwValue);
+        if (RegQueryValueExW(hKey, REG_VALUE_SE_AGNT_MAX_NUM, nullptr, &dwType, reinterpret_cast<BYTE*>(&dwValue),
+                             &cbData) == ERROR_SUCCESS &&
+            dwType == REG_DWORD && cbData == sizeof(dwValue)) {
+            g_dwSeAgntMaxNum = dwValue;
+        }
+        RegCloseKey(hKey);
+    }
+    LOG_INFO(L"Load SeAgntMaxNum=" << g_dwSeAgntMaxNum);
+    return TRUE;
+}
+
+// Converts a path to its full form in a MAX_PATH buffer; empty when it does not fit or fails.
+std::wstring FullPath(const wchar_t* pszPath) {
+    wchar_t szFull[FULL_PATH_CHARS + 1] = {};
+    GetFullPathNameW(pszPath, FULL_PATH_CHARS, szFull, nullptr);
+    return std::wstring(szFull);
+}
+
+}  // namespace
+
+DWORD GetSeAgntMaxNum() {
+    InitOnceExecuteOnce(&g_seAgntMaxNumOnce, LoadSeAgntMaxNum, nullptr, nullptr);
+    return g_dwSeAgntMaxNum;
+}
+
+bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory, size_t& nPos, size_t& nLength) {
+    if (strDirectory.empty()) {
+        return false;
+    }
+    // A drive root already ends in a backslash; any other directory may stand in Path with one.
+    const bool bRoot = strDirectory.back() == L'\\';
+    for (size_t n = strPath.find(strDirectory); n != std::wstring::npos; n = strPath.find(strDirectory, n + 1)) {
+        const size_t nEnd = n + strDirectory.size();
+        if (n != 0 && strPath[n - 1] != L';') {
+            continue;  // the end of a longer entry
+        }
+        if (nEnd == strPath.size() || strPath[nEnd] == L';') {
+            nPos = n;
+            nLength = strDirectory.size();
+            return true;
+        }
+        if (!bRoot && strPath[nEnd] == L'\\' && (nEnd + 1 == strPath.size() || strPath[nEnd + 1] == L';')) {
+            nPos = n;
+            nLength = strDirectory.size() + 1;
+            return true;
+        }
+        // Otherwise a longer entry begins with the directory (D:\Platform\bin, D:\Platform2): keep it.
+    }
+    return false;
+}
+
+CWatchDog::CWatchDog() : m_hParentProcess(nullptr), m_hCloseEvent(nullptr), m_hCloseNoStopEvent(nullptr) {}
+
+CWatchDog::~CWatchDog() {
+    HANDLE* handles[] = {&m_hParentProcess, &m_hCloseEvent, &m_hCloseNoStopEvent};
+    for (HANDLE* ph : handles) {
+        if (*ph != nullptr) {
+            CloseHandle(*ph);
+            *ph = nullptr;
+        }
+    }
+}
+
+CWatchDog* CWatchDog::GetInstance() {
+    Guard<CSLock> guard(&s_instanceLock);
+    if (s_pInstance == nullptr) {
+        s_pInstance = new (std::nothrow) CWatchDog();
+    }
+    ++s_nRefCount;  // counted also when the allocation failed: every call is matched by a release
+    return s_pInstance;
+}
+
+void CWatchDog::ReleaseInstance() {
+    Guard<CSLock> guard(&s_instanceLock);
+    if (s_nRefCount > 0) {
+        --s_nRefCount;
+    }
+    if (s_nRefCount == 0 && s_pInstance != nullptr) {
+        delete s_pInstance;
+        s_pInstance = nullptr;
+    }
+}
+
+INT32 CWatchDog::GetRefCount() {
+    Guard<CSLock> guard(&s_instanceLock);
+    return s_nRefCount;
+}
+
+size_t CWatchDog::GetLiveMonitorCount() {
+    Guard<CSLock> guard(&m_lock);
+    return m_shpSessionManager ? m_shpSessionManager->GetLiveMonitorCount() : 0;
+}
+
+bool CWatchDog::GetSessionSnapshot(DWORD dwSessionId, SessionRecord& rec) {
+    Guard<CSLock> guard(&m_lock);
+    if (!m_shpSessionManager) {
+        return false;
+    }
+    const boost::shared_ptr<CSessionAgentMonitor> shpMonitor =
+        m_shpSessionManager->GetMonitor(dwSessionId / SESSIONS_PER_MONITOR);
+    return shpMonitor && shpMonitor->GetSession(dwSessionId, rec);
+}
+
+bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
+    if (agentPath == nullptr || workingPath == nullptr || *agentPath == L'\0' || *workingPath == L'\0') {
+        return false;
+    }
+    const std::wstring strWorking = FullPath(workingPath);
+    if (strWorking.empty()) {
+        LOG_ERROR(L" Working Path " << strWorking << L" is empty");
+        return false;
+    }
+    m_strWorkingPath = strWorking;
+    const std::wstring strAgent = FullPath(agentPath);
+    if (strAgent.empty()) {
+        LOG_ERROR(L" Agent Path " << strAgent << L" is empty");
+        return false;
+    }
+    m_strAgentPath = strAgent;
+
+    {
+        DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
+        m_hCloseEvent = CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE);
+        if (m_hCloseEvent == nullptr) {
+            const DWORD dwErr = GetLastError();
+            LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=" << dwErr);
+        }
+        m_hCloseNoStopEvent = CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD);
+        if (m_hCloseNoStopEvent == nullptr) {
+            const DWORD dwErr = GetLastError();
+            LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=" << dwErr);
+        }
+    }
+
+    m_shpSessionManager.reset(new (std::nothrow) CSessionManager(WATCHDOG_MAX_SESSIONS));
+    if (!m_shpSessionManager) {
+        LOG_ERROR(L" Create Session Manager failed");
+        return false;
+    }
+    RemoveKeldPathFromSystemPath();
+    return true;
+}
+
+bool CWatchDog::SetCloseEvent(bool stopKeld) {
+    HANDLE hEvent = stopKeld ? m_hCloseEvent : m_hCloseNoStopEvent;
+    return hEvent != nullptr && SetEvent(hEvent) != FALSE;
+}
+
+void CWatchDog::RemoveMonitor(DWORD index) {
+    Guard<CSLock> guard(&m_lock);
+    if (m_shpSessionManager) {
+        Guard<CSLock> instanceGuard(&s_instanceLock);
+        m_shpSessionManager->RemoveMonitor(static_cast<INT32>(index));
+    }
+}
+
+void CWatchDog::ReloadSessions() {
+    Guard<CSLock> guard(&m_lock);
+    ResetEvent(m_hCloseEvent);
+    if (!m_shpSessionManager) {
+        LOG_ERROR(L"m_shpSessionManager is NULL.");
+        return;
+    }
+    std::vector<SessionRecord> sessions;
+    if (!EnumUserSession(sessions)) {
+        return;
+    }
+    RegisterSessions(sessions);
+}
+
+void CWatchDog::RegisterSessions(const std::vector<SessionRecord>& sessions) {
+    Guard<CSLock> guard(&m_lock);
+    if (!m_shpSessionManager) {
+        return;
+    }
+    for (const SessionRecord& record : sessions) {
+        const INT32 nCreated = m_shpSessionManager->IsCreated(record.dwSessionId);
+        if (nCreated != 0) {
+            LOG_INFO(L"m_shpSessionManager->IsCreated Ret=" << nCreated);
+            continue;
+        }
+        const INT32 nInserted = m_shpSessionManager->InsertSession(record);
+        if (nInserted != 1) {
+            LOG_ERROR(L" Insert Session failed Err=" << nInserted);
+        }
+    }
+}
+
+bool CWatchDog::RemoveKeldPathFromSystemPath() {
+    std::wstring strPath;
+    if (!GetSystemEnvPath(strPath)) {
+        return false;
+    }
+    wchar_t* pszCwd = _wgetcwd(nullptr, 0);
+    if (pszCwd == nullptr) {
+        LOG_ERROR(L"_wgetcwd failed, system path left unchanged");
+        return false;
+    }
+    const std::wstring strDirectory(pszCwd);
+    free(pszCwd);
+
+    size_t nPos = 0;
+    size_t nLength = 0;
+    if (!FindPathEntry(strPath, strDirectory, nPos, nLength)) {
+        return true;
+    }
+    LOG_INFO(L"KELD path is found in system path, so remove it!");
+    strPath.erase(nPos, nLength);
+    LOG_INFO(L"new system path=" << strPath);
+    SetSystemEnvPath(strPath);
+    return true;
+}
+
+bool CWatchDog::WaitStartEvent(DWORD dwPID) {
+    CEvent closeEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE, true);
+    if (!closeEvent.IsValid()) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=" << dwErr);
+        return false;
+    }
+    DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
+    // Exists exactly while the gate waits: other components may look for it.
+    CEvent startServiceEvent(EVENT_ID_BREVANT_START_SERVICE, true, &secAttr);
+    if (!startServiceEvent.IsValid()) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_START_SERVICE) Err=" << dwErr);
+        return false;
+    }
+    m_hParentProcess = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPID);
+    if (m_hParentProcess == nullptr) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"OpenProcess dwPID=" << dwPID << L" , Err=" << dwErr);
+        return false;
+    }
+    TrimWorkingSet();
+    return WaitForSetStartEvent(m_hParentProcess);
+}
+
+namespace {
+
+bool IsStartValueSet(HKEY hKey) {
+    DWORD dwValue = 0;
+    DWORD dwType = 0;
+    DWORD cbData = sizeof(dwValue);
+    return RegQueryValueExW(hKey, REG_VALUE_SET_START_EVENT, nullptr, &dwType, reinterpret_cast<BYTE*>(&dwValue),
+                            &cbData) == ERROR_SUCCESS &&
+           dwType == REG_DWORD && cbData == sizeof(dwValue) && dwValue == 1;
+}
+
+class CScopedKey : private boost::noncopyable {
+public:
+    CScopedKey() : m_hKey(nullptr) {}
+    ~CScopedKey() {
+        if (m_hKey != nullptr) {
+            RegCloseKey(m_hKey);
+        }
+    }
+    HKEY m_hKey;
+};
+
+}  // namespace
+
+bool WaitForSetStartEvent(HANDLE hParentProcess) {
+    CScopedKey installKey;
+    const LONG lOpen = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, &installKey.m_hKey);
+    if (lOpen != ERROR_SUCCESS) {
+        installKey.m_hKey = nullptr;
+        LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err=" << lOpen);
+        return false;
+    }
+    CScopedHandle changeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!changeEvent.IsValid()) {
+        const DWORD dwErr = GetLastError();
+        LOG_ERROR(L"CreateEvent() fail. err=" << dwErr);
+        return false;
+    }
+    CScopedHandle terminateEvent(OpenEventW(SYNCHRONIZE, FALSE, EVENT_ID_BREVANT_TERMINATE_WATCHDOG));
+    DWORD dwWaitCount = 3;
+    if (!terminateEvent.IsValid()) {
+        LOG_INFO(L"no terminated event exists.");
+        dwWaitCount = 2;
+    }
+    const HANDLE waitList[3] = {hParentProcess, changeEvent.Get(), terminateEvent.Get()};
+    LOG_INFO(L"Wait for set start event.");
+
+    for (;;) {
+        // Armed before every read, so a change between the read and the wait still wakes it.
+        const LONG lNotify = RegNotifyChangeKeyValue(installKey.m_hKey, TRUE, REG_NOTIFY_CHANGE_LAST_SET,
+                                                     changeEvent.Get(), TRUE);
+        if (lNotify != ERROR_SUCCESS) {
+            LOG_ERROR(L"RegNotifyChangeKeyValue() fail. err=" << lNotify);
+            return false;
+        }
+        if (IsStartValueSet(installKey.m_hKey)) {
+            return true;
+        }
+        const DWORD dwRet = WaitForMultipleObjects(dwWaitCount, waitList, FALSE, INFINITE);
+        if (dwRet == WAIT_OBJECT_0) {
+            LOG_ERROR(L"Service process is shutdown.");
+            return false;
+        }
+        if (dwRet == WAIT_OBJECT_0 + 1) {
+            LOG_INFO(L"Regkey is changed. check again.");
+            ResetEvent(changeEvent.Get());
+            continue;
+        }
+        if (dwRet == WAIT_OBJECT_0 + 2) {
+            LOG_INFO(L"service notify terminate while installation.");
+            return false;
+        }
+        if (dwRet >= WAIT_ABANDONED_0 && dwRet <= WAIT_ABANDONED_0 + 2) {
+            LOG_ERROR(L"this should not happen, only mutex handle throws such error.");
+        } else if (dwRet == WAIT_TIMEOUT) {
+            LOG_ERROR(L"this should not happen, this is a infinite wait.");
+        } else if (dwRet == WAIT_FAILED) {
+            const DWORD dwErr = GetLastError();
+            LOG_ERROR(L"WaitForMultipleObjects() fail. error=" << dwErr);
+        } else {
+            LOG_ERROR(L"Unknown return, error=" << dwRet);
+        }
+        return false;
+    }
+}

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include <boost/noncopyable.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include "foundation/CSLock.h"
+#include "foundation/SessionRecord.h"
+
+class CSessionManager;
+
+// The install key of the client under HKEY_LOCAL_MACHINE.
+#define REG_INSTALL_KEY L"Software\\Corvane\\Brevant\\0\\Install"
+#define REG_VALUE_SE_AGNT_MAX_NUM L"SeAgntMaxNum"
+#define REG_VALUE_SET_START_EVENT L"SetStartEvent"
+
+// The number of session ids the session manager is sized for.
+const INT32 WATCHDOG_MAX_SESSIONS = 3000;
+// SeAgntMaxNum while the registry does not set it.
+const DWORD SE_AGNT_MAX_NUM_DEFAULT = 0x7FFFFFFF;
+
+// Ties the watchdog together: the agent's paths, the close events, the parent process and the
+// session manager. One reference-counted instance per process: the entry holds one reference
+// and every monitor holds one until its thread has ended; the last release deletes it.
+class CWatchDog : private boost::noncopyable {
+public:
+    static CWatchDog* GetInstance();
+    static void ReleaseInstance();
+
+    // Makes both paths absolute, creates the close events and the session manager, and takes the
+    // watchdog's own directory out of the system Path.
+    bool Init(const wchar_t* agentPath, const wchar_t* workingPath);
+    // The start gate: true once the install side has set SetStartEvent to 1.
+    bool WaitStartEvent(DWORD dwPID);
+    // Lists the user sessions and hands each to the session manager.
+    void ReloadSessions();
+    // Offers each record to the session manager, under the watchdog's lock.
+    void RegisterSessions(const std::vector<SessionRecord>& sessions);
+    // stopKeld: the close event the monitors end on; otherwise the one that leaves Keld running.
+    bool SetCloseEvent(bool stopKeld);
+    void RemoveMonitor(DWORD index);
+
+    HANDLE GetParentProcess() const { return m_hParentProcess; }
+    HANDLE GetCloseEvent() const { return m_hCloseEvent; }
+    const std::wstring& GetAgentPath() const { return m_strAgentPath; }
+    const std::wstring& GetWorkingPath() const { return m_strWorkingPath; }
+
+    // Diagnostics: the reference count, the live monitors, and a copy of one session's record
+    // as its monitor holds it (false when no monitor holds the session).
+    static INT32 GetRefCount();
+    size_t GetLiveMonitorCount();
+    bool GetSessionSnapshot(DWORD dwSessionId, SessionRecord& rec);
+
+    // Removes the current directory from the system Path when it stands there as a whole entry.
+    bool RemoveKeldPathFromSystemPath();
+
+private:
+    CWatchDog();
+    virtual ~CWatchDog();
+
+    HANDLE m_hParentProcess;
+    HANDLE m_hCloseEvent;
+    HANDLE m_hCloseNoStopEvent;
+    std::wstring m_strAgentPath;
+    std::wstring m_strWorkingPath;
+    boost::shared_ptr<CSessionManager> m_shpSessionManager;
+    CSLock m_lock;
+
+    static CWatchDog* s_pInstance;
+    static INT32 s_nRefCount;
+    static CSLock s_instanceLock;
+};
+
+// The largest number of agents one monitor thread starts and watches; read from the registry
+// once per process, the first call on any thread doing the load.
+DWORD GetSeAgntMaxNum();
+
+// The wait of the start gate; closes what it opens, but not hParentProcess.
+bool WaitForSetStartEvent(HANDLE hParentProcess);
+
+// Where the watchdog's own directory may be cut out of a Path value: the start of the first
+// occurrence that forms a whole entry, and its length; false when there is none.
+bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory, size_t& nPos, size_t& nLength);
