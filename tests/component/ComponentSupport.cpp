@@ -1,0 +1,138 @@
+#include "ComponentSupport.h"
+
+#include <algorithm>
+#include <cwctype>
+
+#include "WinTestEnv.h"
+#include "foundation/logging.h"
+
+namespace qotest {
+
+std::wstring UseScratchLog(const std::wstring& name) {
+    const std::wstring path = JoinPath(MakeScratchDirectory(name), L"QoWatchDog.log");
+    GetLogger().set_file(path.c_str());
+    return path;
+}
+
+void StopUsingScratchLog() { GetLogger().set_file(nullptr); }
+
+LogPredicate MessageIs(const std::string& message) {
+    return [message](const LogRecord& record) { return record.message == message; };
+}
+
+size_t CountMessage(const LogFile& log, const std::string& message) { return log.Count(MessageIs(message)); }
+
+bool HasMessage(const LogFile& log, const std::string& message) { return CountMessage(log, message) > 0; }
+
+bool HasMessageEndingWith(const LogFile& log, const std::string& suffix) {
+    return log.Count([&suffix](const LogRecord& record) {
+        return record.message.size() >= suffix.size() &&
+               record.message.compare(record.message.size() - suffix.size(), suffix.size(), suffix) == 0;
+    }) > 0;
+}
+
+bool WaitForMessage(const std::wstring& logPath, const std::string& message, DWORD timeoutMs) {
+    return WaitForLogLine(logPath, MessageIs(message), timeoutMs).has_value();
+}
+
+std::string ReadFileBytes(const std::wstring& path) {
+    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                 nullptr, OPEN_EXISTING, 0, nullptr));
+    std::string bytes;
+    if (!file.valid()) {
+        return bytes;
+    }
+    char buffer[65536];
+    DWORD nRead = 0;
+    while (ReadFile(file.get(), buffer, sizeof(buffer), &nRead, nullptr) && nRead > 0) {
+        bytes.append(buffer, nRead);
+    }
+    return bytes;
+}
+
+void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
+    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                 nullptr));
+    DWORD nWritten = 0;
+    if (file.valid() && !bytes.empty()) {
+        WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &nWritten, nullptr);
+    }
+}
+
+void TruncateFile(const std::wstring& path) { WriteFileBytes(path, std::string()); }
+
+size_t FileSize(const std::wstring& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data)) {
+        return 0;
+    }
+    return static_cast<size_t>((static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow);
+}
+
+std::vector<std::wstring> ListFiles(const std::wstring& directory, const std::wstring& pattern) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW data = {};
+    HANDLE hFind = FindFirstFileW(JoinPath(directory, pattern).c_str(), &data);
+    if (hFind == INVALID_HANDLE_VALUE) {
+        return names;
+    }
+    do {
+        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+            names.push_back(data.cFileName);
+        }
+    } while (FindNextFileW(hFind, &data));
+    FindClose(hFind);
+    return names;
+}
+
+size_t CountSubstr(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t pos = text.find(part); pos != std::string::npos; pos = text.find(part, pos + part.size())) {
+        ++count;
+    }
+    return count;
+}
+
+std::wstring ToLower(std::wstring text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return std::towlower(c); });
+    return text;
+}
+
+RegValue RegRead(HKEY root, const std::wstring& key, const std::wstring& value) {
+    RegValue result;
+    HKEY hKey = nullptr;
+    if (RegOpenKeyExW(root, key.c_str(), 0, KEY_READ, &hKey) != ERROR_SUCCESS) {
+        return result;
+    }
+    DWORD cbData = 0;
+    if (RegQueryValueExW(hKey, value.c_str(), nullptr, &result.dwType, nullptr, &cbData) == ERROR_SUCCESS) {
+        result.data.resize(cbData);
+        if (RegQueryValueExW(hKey, value.c_str(), nullptr, &result.dwType,
+                             reinterpret_cast<BYTE*>(result.data.empty() ? nullptr : &result.data[0]),
+                             &cbData) == ERROR_SUCCESS) {
+            result.found = true;
+            result.data.resize(cbData);
+        }
+    }
+    RegCloseKey(hKey);
+    return result;
+}
+
+bool RegSetRaw(HKEY root, const std::wstring& key, const std::wstring& value, DWORD dwType, const void* data,
+               DWORD cbData) {
+    HKEY hKey = nullptr;
+    if (RegCreateKeyExW(root, key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey, nullptr) != ERROR_SUCCESS) {
+        return false;
+    }
+    const LONG status = RegSetValueExW(hKey, value.c_str(), 0, dwType, static_cast<const BYTE*>(data), cbData);
+    RegCloseKey(hKey);
+    return status == ERROR_SUCCESS;
+}
+
+DWORD ProcessHandleCount() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+
+}  // namespace qotest

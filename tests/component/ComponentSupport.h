@@ -1,0 +1,47 @@
+// What the component tests need besides tests/support: pointing this process's own log at a
+// scratch file, exact-message log queries, plain file and registry helpers.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "LogReader.h"
+
+namespace qotest {
+
+// Points this process's log at a fresh QoWatchDog.log in a scratch directory named `name`; returns
+// the file's path. StopUsingScratchLog sends lines to the debugger output again.
+std::wstring UseScratchLog(const std::wstring& name);
+void StopUsingScratchLog();
+
+// Records whose message is exactly `message` (UTF-8).
+LogPredicate MessageIs(const std::string& message);
+size_t CountMessage(const LogFile& log, const std::string& message);
+bool HasMessage(const LogFile& log, const std::string& message);
+bool HasMessageEndingWith(const LogFile& log, const std::string& suffix);
+bool WaitForMessage(const std::wstring& logPath, const std::string& message, DWORD timeoutMs);
+
+std::string ReadFileBytes(const std::wstring& path);
+void WriteFileBytes(const std::wstring& path, const std::string& bytes);
+void TruncateFile(const std::wstring& path);
+size_t FileSize(const std::wstring& path);
+// Names (not paths) of the files in `directory` that match `pattern` (FindFirstFileW syntax).
+std::vector<std::wstring> ListFiles(const std::wstring& directory, const std::wstring& pattern);
+size_t CountSubstr(const std::string& text, const std::string& part);
+std::wstring ToLower(std::wstring text);
+
+struct RegValue {
+    bool found = false;
+    DWORD dwType = REG_NONE;
+    std::string data;
+};
+RegValue RegRead(HKEY root, const std::wstring& key, const std::wstring& value);
+// Stores exactly cbData bytes of `data` with the given type (the key is created when missing).
+bool RegSetRaw(HKEY root, const std::wstring& key, const std::wstring& value, DWORD dwType, const void* data,
+               DWORD cbData);
+
+DWORD ProcessHandleCount();
+
+}  // namespace qotest

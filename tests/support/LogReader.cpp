@@ -1,0 +1,410 @@
+#include "LogReader.h"
+
+#include <cstring>
+
+namespace qotest {
+
+namespace {
+
+constexpr size_t kTimeLength = 24;
+
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+bool OneOf(const std::string& text, size_t at, const char* const* names, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        if (text.compare(at, 3, names[i]) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool InRange(const std::string& text, size_t at, int low, int high) {
+    const char a = text[at];
+    const char b = text[at + 1];
+    if (!(a == ' ' || IsDigit(a)) || !IsDigit(b)) {
+        return false;
+    }
+    const int value = (a == ' ' ? 0 : a - '0') * 10 + (b - '0');
+    return value >= low && value <= high;
+}
+
+// "Www Mmm dd hh:mm:ss yyyy"; the day of the month may be padded with a space or a zero.
+bool IsCtimeText(const std::string& t) {
+    static const char* const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    return t.size() == kTimeLength && OneOf(t, 0, days, 7) && t[3] == ' ' && OneOf(t, 4, months, 12) &&
+           t[7] == ' ' && InRange(t, 8, 1, 31) && t[10] == ' ' && IsDigit(t[11]) && InRange(t, 11, 0, 23) &&
+           t[13] == ':' && IsDigit(t[14]) && InRange(t, 14, 0, 59) && t[16] == ':' && IsDigit(t[17]) &&
+           InRange(t, 17, 0, 60) && t[19] == ' ' && IsDigit(t[20]) && IsDigit(t[21]) && IsDigit(t[22]) &&
+           IsDigit(t[23]);
+}
+
+// Reads a decimal number up to the next ']'.
+bool ReadNumber(const std::string& line, size_t& at, unsigned long& value) {
+    const size_t start = at;
+    value = 0;
+    while (at < line.size() && IsDigit(line[at])) {
+        if (at - start >= 10) {
+            return false;
+        }
+        value = value * 10 + static_cast<unsigned long>(line[at] - '0');
+        ++at;
+    }
+    return at > start && value <= 0xFFFFFFFFul;
+}
+
+bool Expect(const std::string& line, size_t& at, const char* text) {
+    const size_t length = std::strlen(text);
+    if (line.compare(at, length, text) != 0) {
+        return false;
+    }
+    at += length;
+    return true;
+}
+
+// Text up to (not including) the next ']'; must not be empty.
+bool ReadField(const std::string& line, size_t& at, std::string& field) {
+    const size_t end = line.find(']', at);
+    if (end == std::string::npos || end == at) {
+        return false;
+    }
+    field = line.substr(at, end - at);
+    at = end;
+    return true;
+}
+
+bool Fail(std::string* reason, const char* text) {
+    if (reason != nullptr) {
+        *reason = text;
+    }
+    return false;
+}
+
+bool ParseLine(const std::string& line, LogRecord& record, std::string* reason) {
+    size_t at = 0;
+    if (!Expect(line, at, "[")) {
+        return Fail(reason, line.empty() ? "empty line" : "does not begin with '['");
+    }
+    if (line.size() < 1 + kTimeLength || !IsCtimeText(line.substr(1, kTimeLength))) {
+        return Fail(reason, "time is not 24 characters of ctime text");
+    }
+    record.time = line.substr(1, kTimeLength);
+    at = 1 + kTimeLength;
+    unsigned long number = 0;
+    if (!Expect(line, at, "][") || !ReadNumber(line, at, number)) {
+        return Fail(reason, "pid is not a decimal number");
+    }
+    record.pid = static_cast<DWORD>(number);
+    if (!Expect(line, at, "][") || !ReadField(line, at, record.tag) || record.tag != kLogTag) {
+        return Fail(reason, "tag is not Pellisk");
+    }
+    if (!Expect(line, at, "][") || !ReadField(line, at, record.source) || record.source.size() < 3 ||
+        record.source.compare(0, 2, ".\\") != 0) {
+        return Fail(reason, "source does not begin with .\\");
+    }
+    if (!Expect(line, at, "][") || !ReadNumber(line, at, number)) {
+        return Fail(reason, "line is not a decimal number");
+    }
+    record.line = static_cast<unsigned>(number);
+    if (!Expect(line, at, "][") || !ReadField(line, at, record.level) ||
+        (record.level != kLogInfo && record.level != kLogError) || !Expect(line, at, "]")) {
+        return Fail(reason, "level is not INFO or ERROR");
+    }
+    record.message = line.substr(at);
+    return true;
+}
+
+// A change notification on the log's directory, or on its nearest existing parent until the
+// directory exists (the watchdog creates its debug directory itself).
+class DirectoryWatch {
+public:
+    explicit DirectoryWatch(const std::wstring& filePath) {
+        const size_t slash = filePath.find_last_of(L"\\/");
+        target_ = slash == std::wstring::npos ? std::wstring(L".") : filePath.substr(0, slash);
+    }
+    ~DirectoryWatch() { Close(); }
+    DirectoryWatch(const DirectoryWatch&) = delete;
+    DirectoryWatch& operator=(const DirectoryWatch&) = delete;
+
+    // Makes sure the next change signals the handle. Called before each read of the file, so a
+    // change that comes after the read is never lost.
+    bool Arm() {
+        if (handle_ != INVALID_HANDLE_VALUE && watching_ != target_ && IsDirectory(target_)) {
+            Close();  // the directory has appeared: watch it instead of its parent
+        }
+        if (handle_ == INVALID_HANDLE_VALUE) {
+            return Open();
+        }
+        if (signalled_) {
+            signalled_ = false;
+            return FindNextChangeNotification(handle_) != FALSE;
+        }
+        return true;
+    }
+
+    // True when a change came within timeoutMs.
+    bool Wait(DWORD timeoutMs) {
+        if (WaitForSingleObject(handle_, timeoutMs) != WAIT_OBJECT_0) {
+            return false;
+        }
+        signalled_ = true;
+        return true;
+    }
+
+private:
+    static bool IsDirectory(const std::wstring& path) {
+        const DWORD attributes = GetFileAttributesW(path.c_str());
+        return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    }
+
+    bool Open() {
+        std::wstring dir = target_;
+        while (!IsDirectory(dir)) {
+            const size_t slash = dir.find_last_of(L"\\/");
+            if (slash == std::wstring::npos || slash == 0) {
+                return false;
+            }
+            dir.resize(slash);
+            if (dir.size() == 2 && dir[1] == L':') {
+                dir += L'\\';  // "C:" names the current directory of drive C; the root is "C:\"
+            }
+        }
+        // Below a parent, the directory may be more than one level away: watch the whole subtree.
+        const BOOL subtree = dir == target_ ? FALSE : TRUE;
+        handle_ = FindFirstChangeNotificationW(
+            dir.c_str(), subtree,
+            FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_FILE_NAME |
+                FILE_NOTIFY_CHANGE_DIR_NAME);
+        watching_ = dir;
+        signalled_ = false;
+        return handle_ != INVALID_HANDLE_VALUE;
+    }
+
+    void Close() {
+        if (handle_ != INVALID_HANDLE_VALUE) {
+            FindCloseChangeNotification(handle_);
+            handle_ = INVALID_HANDLE_VALUE;
+        }
+    }
+
+    std::wstring target_;
+    std::wstring watching_;
+    HANDLE handle_ = INVALID_HANDLE_VALUE;
+    bool signalled_ = false;
+};
+
+}  // namespace
+
+LogPredicate MessageStartsWith(const std::string& prefix) {
+    return [prefix](const LogRecord& record) { return record.MessageStartsWith(prefix); };
+}
+
+LogPredicate MessageContains(const std::string& text) {
+    return [text](const LogRecord& record) { return record.MessageContains(text); };
+}
+
+std::optional<LogRecord> ParseLogLine(const std::string& line, std::string* reason) {
+    LogRecord record;
+    if (!ParseLine(line, record, reason)) {
+        return std::nullopt;
+    }
+    return record;
+}
+
+LogFile LogFile::Parse(const std::string& content) {
+    LogFile log;
+    log.exists_ = true;
+    log.content_ = content;
+    log.hasBom_ = content.compare(0, 3, "\xEF\xBB\xBF") == 0;
+
+    size_t start = 0;
+    size_t number = 0;
+    for (;;) {
+        const size_t end = content.find('\n', start);
+        if (end == std::string::npos) {
+            log.tail_ = content.substr(start);
+            break;
+        }
+        ++number;
+        std::string line = content.substr(start, end - start);
+        start = end + 1;
+        if (line.empty() || line.back() != '\r') {
+            log.malformed_.push_back({number, line, "line end is not CR LF"});
+            continue;
+        }
+        line.pop_back();
+        std::string reason;
+        if (number == 1 && log.hasBom_) {
+            log.malformed_.push_back({number, line, "begins with a byte-order mark"});
+            continue;
+        }
+        LogRecord record;
+        if (ParseLine(line, record, &reason)) {
+            record.fileLine = number;
+            log.records_.push_back(std::move(record));
+        } else {
+            log.malformed_.push_back({number, line, reason});
+        }
+    }
+    return log;
+}
+
+LogFile LogFile::Read(const std::wstring& path) {
+    // The watchdog opens the file for each line it appends; a read that meets it there is tried
+    // again, a few times, once the line is written.
+    HANDLE file = INVALID_HANDLE_VALUE;
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (file != INVALID_HANDLE_VALUE || GetLastError() != ERROR_SHARING_VIOLATION) {
+            break;
+        }
+        Sleep(10);
+    }
+    if (file == INVALID_HANDLE_VALUE) {
+        LogFile log;
+        const DWORD error = GetLastError();
+        log.exists_ = error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+        log.readError_ = log.exists_ ? error : ERROR_SUCCESS;
+        return log;
+    }
+    std::string content;
+    char buffer[64 * 1024];
+    DWORD read = 0;
+    while (ReadFile(file, buffer, sizeof(buffer), &read, nullptr) && read > 0) {
+        content.append(buffer, read);
+    }
+    CloseHandle(file);
+    return Parse(content);
+}
+
+std::vector<LogRecord> LogFile::Where(const LogPredicate& predicate) const {
+    std::vector<LogRecord> found;
+    for (const LogRecord& record : records_) {
+        if (predicate(record)) {
+            found.push_back(record);
+        }
+    }
+    return found;
+}
+
+std::vector<LogRecord> LogFile::WithPrefix(const std::string& messagePrefix) const {
+    return Where(MessageStartsWith(messagePrefix));
+}
+
+std::vector<LogRecord> LogFile::Containing(const std::string& text) const {
+    return Where(MessageContains(text));
+}
+
+size_t LogFile::Count(const LogPredicate& predicate) const {
+    size_t count = 0;
+    for (const LogRecord& record : records_) {
+        count += predicate(record) ? 1 : 0;
+    }
+    return count;
+}
+
+size_t LogFile::CountPrefix(const std::string& messagePrefix) const {
+    return Count(MessageStartsWith(messagePrefix));
+}
+
+size_t LogFile::CountContaining(const std::string& text) const {
+    return Count(MessageContains(text));
+}
+
+size_t LogFile::IndexOf(const LogPredicate& predicate, size_t from) const {
+    for (size_t i = from; i < records_.size(); ++i) {
+        if (predicate(records_[i])) {
+            return i;
+        }
+    }
+    return npos;
+}
+
+size_t LogFile::IndexOfPrefix(const std::string& messagePrefix, size_t from) const {
+    return IndexOf(MessageStartsWith(messagePrefix), from);
+}
+
+size_t LogFile::IndexOfContaining(const std::string& text, size_t from) const {
+    return IndexOf(MessageContains(text), from);
+}
+
+const LogRecord* LogFile::First(const LogPredicate& predicate) const {
+    const size_t index = IndexOf(predicate);
+    return index == npos ? nullptr : &records_[index];
+}
+
+const LogRecord* LogFile::FirstWithPrefix(const std::string& messagePrefix) const {
+    return First(MessageStartsWith(messagePrefix));
+}
+
+bool LogFile::InOrder(const std::vector<std::string>& messagePrefixes) const {
+    size_t from = 0;
+    for (const std::string& prefix : messagePrefixes) {
+        const size_t index = IndexOfPrefix(prefix, from);
+        if (index == npos) {
+            return false;
+        }
+        from = index + 1;
+    }
+    return true;
+}
+
+std::string LogFile::DescribeMalformed() const {
+    std::string text;
+    for (const MalformedLine& line : malformed_) {
+        text += "line " + std::to_string(line.fileLine) + " (" + line.reason + "): " + line.text + "\n";
+    }
+    return text;
+}
+
+std::optional<LogFile> WaitForLog(const std::wstring& path, const std::function<bool(const LogFile&)>& condition,
+                                  DWORD timeoutMs) {
+    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+    DirectoryWatch watch(path);
+    for (;;) {
+        const bool armed = watch.Arm();
+        LogFile log = LogFile::Read(path);
+        if (condition(log)) {
+            return log;
+        }
+        const ULONGLONG now = GetTickCount64();
+        if (now >= deadline) {
+            return std::nullopt;
+        }
+        const DWORD remaining = static_cast<DWORD>(deadline - now);
+        if (!armed) {
+            // No directory on the way to the file can be watched (not even the drive's root): read
+            // again after a short pause. Not seen under Wine, where the notification works.
+            Sleep(remaining < 50 ? remaining : 50);
+            continue;
+        }
+        watch.Wait(remaining);
+    }
+}
+
+std::optional<LogRecord> WaitForLogLine(const std::wstring& path, const LogPredicate& predicate, DWORD timeoutMs) {
+    std::optional<LogRecord> match;
+    WaitForLog(
+        path,
+        [&](const LogFile& log) {
+            const LogRecord* record = log.First(predicate);
+            if (record != nullptr) {
+                match = *record;
+            }
+            return record != nullptr;
+        },
+        timeoutMs);
+    return match;
+}
+
+bool WaitForLogCount(const std::wstring& path, const LogPredicate& predicate, size_t count, DWORD timeoutMs) {
+    return WaitForLog(path, [&](const LogFile& log) { return log.Count(predicate) >= count; }, timeoutMs)
+        .has_value();
+}
+
+}  // namespace qotest

@@ -1,0 +1,217 @@
+// What a test needs around the code under test: the paths of the programs CMake built, the
+// installed-client layout of the test prefix, registry and process helpers, and the controls of the
+// helper programs (tests/helpers/test_agent_protocol.h). Every wait here is bounded by a timeout.
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "test_agent_protocol.h"
+
+namespace qotest {
+
+// ---------------------------------------------------------------------------------------------
+// Text and paths
+
+std::string ToUtf8(const std::wstring& text);
+std::wstring FromUtf8(const std::string& text);
+
+// "/a/b" (a Unix path, which Wine shows on drive Z:) becomes "Z:\a\b"; any other path is returned
+// unchanged.
+std::wstring ToWindowsPath(const std::wstring& path);
+
+// a + "\" + b, without doubling a separator.
+std::wstring JoinPath(const std::wstring& a, const std::wstring& b);
+
+// The value of an environment variable, empty when it is not set.
+std::wstring GetEnv(const wchar_t* name);
+
+bool FileExists(const std::wstring& path);
+bool DirectoryExists(const std::wstring& path);
+// Removes a directory with everything below it; true when it is gone (or was never there).
+bool RemoveDirectoryTree(const std::wstring& path);
+// A fresh, empty directory %TEMP%\qotest\<name> (emptied when it existed). Empty string on failure.
+std::wstring MakeScratchDirectory(const std::wstring& name);
+// Copies a file, replacing the target.
+bool CopyFileTo(const std::wstring& from, const std::wstring& to);
+
+// ---------------------------------------------------------------------------------------------
+// Paths handed over by CMake (environment of every test; Windows form).
+
+std::wstring WatchDogExe();     // QO_WATCHDOG_EXE: the build's QoWatchDog.exe
+std::wstring TestAgentExe();    // QO_TEST_AGENT_EXE
+std::wstring TestParentExe();   // QO_TEST_PARENT_EXE
+std::wstring KeldServiceExe();  // QO_KELD_SERVICE_EXE
+std::wstring HelperDir();       // QO_HELPER_DIR: the directory of the helper programs
+
+// The installed client in the test prefix.
+std::wstring PlatformDir();        // C:\Program Files\Corvane\Brevant\Platform (holds Session_Agent.ini)
+std::wstring AgentDir();           // PlatformDir()\agent
+std::wstring InstalledAgentExe();  // AgentDir()\QoSessionAgent.exe, a copy of test_agent.exe
+std::wstring KeldInstallDir();     // C:\Program Files\Corvane\Keld (value InstallDir)
+std::wstring WatchDogLogDir();     // KeldInstallDir()\debug, made by the watchdog
+std::wstring WatchDogLogPath();    // WatchDogLogDir()\QoWatchDog.log
+
+// Registry keys (under HKEY_LOCAL_MACHINE) of the installed client.
+inline constexpr wchar_t kBrevantInstallKey[] = L"Software\\Corvane\\Brevant\\0\\Install";
+inline constexpr wchar_t kKeldKey[] = L"SOFTWARE\\Corvane\\Keld";
+inline constexpr wchar_t kKeldInstallDirValue[] = L"InstallDir";
+inline constexpr wchar_t kSetStartEventValue[] = L"SetStartEvent";
+// Everything the tests themselves keep in the registry lives below this key.
+inline constexpr wchar_t kTestRootKey[] = L"Software\\QoTest";
+
+// ---------------------------------------------------------------------------------------------
+// Handles
+
+// Sole owner of a kernel handle; null and INVALID_HANDLE_VALUE both mean "none".
+class OwnedHandle {
+public:
+    OwnedHandle() = default;
+    explicit OwnedHandle(HANDLE handle) { reset(handle); }
+    ~OwnedHandle() { reset(); }
+    OwnedHandle(OwnedHandle&& other) noexcept : handle_(other.release()) {}
+    OwnedHandle& operator=(OwnedHandle&& other) noexcept {
+        if (this != &other) {
+            reset(other.release());
+        }
+        return *this;
+    }
+    OwnedHandle(const OwnedHandle&) = delete;
+    OwnedHandle& operator=(const OwnedHandle&) = delete;
+
+    HANDLE get() const { return handle_; }
+    bool valid() const { return handle_ != nullptr; }
+    explicit operator bool() const { return valid(); }
+    HANDLE release() {
+        HANDLE handle = handle_;
+        handle_ = nullptr;
+        return handle;
+    }
+    // Closes the current handle; the thread's last-error value survives the close.
+    void reset(HANDLE handle = nullptr);
+
+private:
+    HANDLE handle_ = nullptr;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Registry (HKEY_LOCAL_MACHINE unless a root is given). Setters create the key. Deleting something
+// that is not there counts as success.
+
+bool SetRegDword(const std::wstring& key, const std::wstring& value, DWORD data, HKEY root = HKEY_LOCAL_MACHINE);
+bool SetRegQword(const std::wstring& key, const std::wstring& value, ULONGLONG data,
+                 HKEY root = HKEY_LOCAL_MACHINE);
+bool SetRegString(const std::wstring& key, const std::wstring& value, const std::wstring& data,
+                  HKEY root = HKEY_LOCAL_MACHINE);
+std::optional<DWORD> GetRegDword(const std::wstring& key, const std::wstring& value, HKEY root = HKEY_LOCAL_MACHINE);
+std::optional<ULONGLONG> GetRegQword(const std::wstring& key, const std::wstring& value,
+                                     HKEY root = HKEY_LOCAL_MACHINE);
+std::optional<std::wstring> GetRegString(const std::wstring& key, const std::wstring& value,
+                                         HKEY root = HKEY_LOCAL_MACHINE);
+bool RegKeyExists(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
+bool CreateRegKey(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
+bool DeleteRegValue(const std::wstring& key, const std::wstring& value, HKEY root = HKEY_LOCAL_MACHINE);
+bool DeleteRegKeyTree(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
+
+// ---------------------------------------------------------------------------------------------
+// Processes
+
+struct ChildProcess {
+    OwnedHandle handle;  // the process; invalid when the start failed
+    DWORD pid = 0;
+    DWORD error = ERROR_SUCCESS;  // GetLastError of CreateProcessW when it failed
+    OwnedHandle exitEvent;        // test_parent.exe only: its exit event, made before it ran
+};
+
+// Starts exe with the command line "<exe>" <arguments> in currentDirectory (empty: this process's
+// current directory).
+ChildProcess StartProcess(const std::wstring& exe, const std::wstring& arguments = std::wstring(),
+                          const std::wstring& currentDirectory = std::wstring());
+
+// Starts the watchdog as the host process does: "QoWatchDog.exe <parentPid>", current directory the
+// platform directory.
+ChildProcess StartWatchDog(DWORD parentPid, const std::wstring& exe = WatchDogExe(),
+                           const std::wstring& currentDirectory = PlatformDir());
+
+// Starts test_parent.exe, which lives until MakeTestParentExit or TerminateProcess. Its exit event
+// is created (and held in exitEvent) before the program runs, so MakeTestParentExit works at once.
+ChildProcess StartTestParent();
+bool MakeTestParentExit(DWORD pid);
+
+// Waits at most timeoutMs for the process to end; its exit code, or nothing on timeout.
+std::optional<DWORD> WaitForExitCode(HANDLE process, DWORD timeoutMs);
+bool IsRunning(HANDLE process);
+
+// Pids of the running processes whose executable name matches pattern (case-insensitive; '*' matches
+// any run of characters), for example L"QoSessionAgent*.exe". This process is never listed.
+std::vector<DWORD> FindProcesses(const std::wstring& pattern);
+
+// Ends every process of the tests still running - QoWatchDog.exe, QoSessionAgent*.exe,
+// test_agent*.exe, test_parent.exe - and waits (bounded) for them to be gone. Returns how many it
+// ended.
+size_t TerminateTestProcesses(DWORD timeoutMs = 5000);
+
+// Brings the prefix back to the installed-client state before a test: ends the tests' processes,
+// stops the Keld service, removes the tests' registry key (kTestRootKey), restores the Install key
+// without SetStartEvent and the Keld InstallDir value, removes the watchdog's debug directory and the
+// agent reports, and clears the broadcast exit event. Every test program runs it before its tests
+// (and ends the processes after them), see TestStateGuard.cpp.
+void ResetTestState();
+
+// ---------------------------------------------------------------------------------------------
+// The agent stand-in
+
+// Owns Global\QoTestAgentStarted. Create it before anything that starts agents; it starts at zero.
+class AgentStartCounter {
+public:
+    AgentStartCounter();
+    bool valid() const { return semaphore_.valid(); }
+    // Takes `count` agent starts, waiting at most timeoutMs for all of them.
+    bool WaitForStarts(int count, DWORD timeoutMs);
+    // True when no agent starts within timeoutMs (for "nothing is started" checks).
+    bool NoStartWithin(DWORD timeoutMs);
+
+private:
+    OwnedHandle semaphore_;
+};
+
+struct AgentReport {
+    bool found = false;
+    std::map<std::string, std::wstring> values;  // key -> value, see kReport* in the protocol
+    std::vector<std::wstring> environment;       // "NAME=VALUE" entries, in block order
+
+    // The value of a key, empty when missing.
+    std::wstring Get(const char* key) const;
+    // An environment entry by name (case-insensitive), nothing when missing.
+    std::optional<std::wstring> Env(const std::wstring& name) const;
+};
+
+std::wstring AgentReportPath(DWORD pid, const std::wstring& directory = AgentDir());
+AgentReport ReadAgentReport(DWORD pid, const std::wstring& directory = AgentDir());
+// Deletes agent-*.txt in the directory.
+void RemoveAgentReports(const std::wstring& directory = AgentDir());
+
+// Sets the exit code an agent will use when its event is set.
+bool SetAgentExitCode(DWORD pid, DWORD exitCode);
+// Sets the exit code, then the agent's exit event. False when the agent's event does not exist.
+bool MakeAgentExit(DWORD pid, DWORD exitCode);
+// Sets the code of value "All", then the broadcast event: every waiting agent exits with exitCode.
+// The event stays set (agents started afterwards exit at once) until ResetAllAgentsExit.
+bool MakeAllAgentsExit(DWORD exitCode);
+void ResetAllAgentsExit();
+
+// ---------------------------------------------------------------------------------------------
+// The Keld service
+
+// SERVICE_STOPPED, SERVICE_RUNNING, ...; 0 when it cannot be queried.
+DWORD KeldServiceState();
+// Starts Keld and waits (bounded) until the service reports running.
+bool StartKeldService(DWORD timeoutMs = 10000);
+// Stops Keld when it runs and waits (bounded) until its process has ended.
+bool StopKeldService(DWORD timeoutMs = 10000);
+
+}  // namespace qotest
