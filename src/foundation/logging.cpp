@@ -1,7 +1,6 @@
 #include "foundation/logging.h"
 
 #include <process.h>
-#include <stdio.h>
 #include <time.h>
 
 #include <string>
@@ -12,28 +11,35 @@ namespace {
 logging<wchar_t> g_logger;
 CSLock g_logLock;
 
-// The file is UTF-8 without a byte-order mark: every character of a line reaches the file,
-// whatever the user's names and paths hold.
-std::string ToUtf8(const wchar_t* pszText) {
+// The file is UTF-8 without a byte-order mark, with CR LF line ends: every character of a line
+// reaches the file, whatever the user's names and paths hold.
+std::string ToFileText(const wchar_t* pszText) {
     const int nChars = static_cast<int>(wcslen(pszText));
-    if (nChars == 0) {
-        return std::string();
+    std::string strUtf8;
+    if (nChars > 0) {
+        const int nBytes = WideCharToMultiByte(CP_UTF8, 0, pszText, nChars, nullptr, 0, nullptr, nullptr);
+        if (nBytes > 0) {
+            strUtf8.resize(static_cast<size_t>(nBytes));
+            WideCharToMultiByte(CP_UTF8, 0, pszText, nChars, &strUtf8[0], nBytes, nullptr, nullptr);
+        }
     }
-    const int nBytes = WideCharToMultiByte(CP_UTF8, 0, pszText, nChars, nullptr, 0, nullptr, nullptr);
-    if (nBytes <= 0) {
-        return std::string();
+    std::string strText;
+    strText.reserve(strUtf8.size() + 2);
+    for (const char c : strUtf8) {
+        if (c == '\n') {
+            strText += '\r';
+        }
+        strText += c;
     }
-    std::string strUtf8(static_cast<size_t>(nBytes), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, pszText, nChars, &strUtf8[0], nBytes, nullptr, nullptr);
-    return strUtf8;
+    return strText;
 }
 
-FILE* OpenForAppend(const std::wstring& strPath) {
-    FILE* pFile = nullptr;
-    if (_wfopen_s(&pFile, strPath.c_str(), L"at") != 0) {
-        return nullptr;
-    }
-    return pFile;
+// Opened for appending only: every write lands at the end of the file in one piece, so lines of
+// other processes writing the same log (the supervisor and run-key instances) never overwrite or
+// split each other. Readers and other writers may hold the file open meanwhile.
+HANDLE OpenForAppend(const std::wstring& strPath) {
+    return CreateFileW(strPath.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 }  // namespace
@@ -75,27 +81,27 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
 
     // The file is opened and closed for every line, so nothing is held between lines and a
     // process killed right after a statement has lost nothing of it.
-    FILE* pFile = OpenForAppend(pSettings->strFile);
-    if (pFile == nullptr) {
-        return;
+    HANDLE hFile = OpenForAppend(pSettings->strFile);
+    if (hFile == INVALID_HANDLE_VALUE) {
+        return;  // lost; the next line tries again
     }
-    fseek(pFile, 0, SEEK_END);
-    const long nSize = ftell(pFile);
-    if (nSize > LOG_FILE_SIZE_LIMIT) {
-        fclose(pFile);
-        if (_wremove(pSettings->strFile.c_str()) == -1) {
+    LARGE_INTEGER size = {};
+    if (GetFileSizeEx(hFile, &size) && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
+        CloseHandle(hFile);
+        if (!DeleteFileW(pSettings->strFile.c_str())) {
             // The file could not be deleted (another program holds it): move it aside.
             const std::wstring strAside = pSettings->strFile + std::to_wstring(_time64(nullptr));
-            _wrename(pSettings->strFile.c_str(), strAside.c_str());
+            MoveFileW(pSettings->strFile.c_str(), strAside.c_str());
         }
-        pFile = OpenForAppend(pSettings->strFile);
-        if (pFile == nullptr) {
+        hFile = OpenForAppend(pSettings->strFile);
+        if (hFile == INVALID_HANDLE_VALUE) {
             return;
         }
     }
-    fputs(ToUtf8(pszText).c_str(), pFile);
-    fflush(pFile);
-    fclose(pFile);
+    const std::string strText = ToFileText(pszText);
+    DWORD cbWritten = 0;
+    WriteFile(hFile, strText.data(), static_cast<DWORD>(strText.size()), &cbWritten, nullptr);
+    CloseHandle(hFile);
 }
 
 CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_guard(&GetLogLock()) {

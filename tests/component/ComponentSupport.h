@@ -44,4 +44,22 @@ bool RegSetRaw(HKEY root, const std::wstring& key, const std::wstring& value, DW
 
 DWORD ProcessHandleCount();
 
+// Ends a process the harness does not know by name (a stand-in shell, say) when the scope ends, so
+// that a failed assertion cannot leave it holding the test's output open.
+class EndOnExit {
+public:
+    explicit EndOnExit(HANDLE hProcess) : m_hProcess(hProcess) {}
+    ~EndOnExit() {
+        if (m_hProcess != nullptr) {
+            TerminateProcess(m_hProcess, 0);
+            WaitForSingleObject(m_hProcess, 5000);
+        }
+    }
+    EndOnExit(const EndOnExit&) = delete;
+    EndOnExit& operator=(const EndOnExit&) = delete;
+
+private:
+    HANDLE m_hProcess;
+};
+
 }  // namespace qotest

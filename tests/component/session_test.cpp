@@ -48,6 +48,9 @@ TEST(EnumUserSession, FindsExplorerByFileNameOnly) {
     ASSERT_TRUE(qotest::CopyFileTo(qotest::TestParentExe(), strDir + L"\\iexplorer.exe"));
     qotest::ChildProcess upper = qotest::StartProcess(strDir + L"\\EXPLORER.EXE");
     qotest::ChildProcess longer = qotest::StartProcess(strDir + L"\\iexplorer.exe");
+    // Not among the names the harness cleans up: ended here, whatever the test's outcome.
+    qotest::EndOnExit endUpper(upper.handle.get());
+    qotest::EndOnExit endLonger(longer.handle.get());
     ASSERT_TRUE(upper.handle.valid());
     ASSERT_TRUE(longer.handle.valid());
 
@@ -70,12 +73,6 @@ TEST(EnumUserSession, FindsExplorerByFileNameOnly) {
     const DWORD dwStart = GetTickCount();
     EXPECT_TRUE(waitExplorerProcessReady(EXPLORER_READY_TIMEOUT_MS));
     EXPECT_LT(GetTickCount() - dwStart, 2000u);
-
-    // Not among the names the harness cleans up: end them here, or they would outlive the test.
-    TerminateProcess(upper.handle.get(), 0);
-    TerminateProcess(longer.handle.get(), 0);
-    WaitForSingleObject(upper.handle.get(), 5000);
-    WaitForSingleObject(longer.handle.get(), 5000);
 }
 
 TEST(CEnvBlock, EditsAndLayout) {

@@ -118,8 +118,9 @@ bool ParseLine(const std::string& line, LogRecord& record, std::string* reason) 
     return true;
 }
 
-// A change notification on the log's directory, or on its nearest existing parent until the
-// directory exists (the watchdog creates its debug directory itself).
+// A change notification on the log's directory, or, while that directory is missing (the watchdog
+// creates its debug directory itself), on its deepest existing parent, moving down as the levels
+// below appear. Only one directory is watched at a time, never a subtree.
 class DirectoryWatch {
 public:
     explicit DirectoryWatch(const std::wstring& filePath) {
@@ -133,17 +134,31 @@ public:
     // Makes sure the next change signals the handle. Called before each read of the file, so a
     // change that comes after the read is never lost.
     bool Arm() {
-        if (handle_ != INVALID_HANDLE_VALUE && watching_ != target_ && IsDirectory(target_)) {
-            Close();  // the directory has appeared: watch it instead of its parent
+        for (;;) {
+            if (handle_ != INVALID_HANDLE_VALUE && signalled_) {
+                signalled_ = false;
+                if (!FindNextChangeNotification(handle_)) {
+                    Close();
+                }
+            }
+            // Looked at after the watch is in place: a level made in between is found here.
+            const std::wstring deepest = DeepestExisting();
+            if (deepest.empty()) {
+                Close();
+                return false;
+            }
+            if (handle_ != INVALID_HANDLE_VALUE && deepest == watching_) {
+                return true;
+            }
+            Close();
+            handle_ = FindFirstChangeNotificationW(deepest.c_str(), FALSE,
+                                                   FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE |
+                                                       FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME);
+            if (handle_ == INVALID_HANDLE_VALUE) {
+                return false;
+            }
+            watching_ = deepest;
         }
-        if (handle_ == INVALID_HANDLE_VALUE) {
-            return Open();
-        }
-        if (signalled_) {
-            signalled_ = false;
-            return FindNextChangeNotification(handle_) != FALSE;
-        }
-        return true;
     }
 
     // True when a change came within timeoutMs.
@@ -161,27 +176,20 @@ private:
         return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     }
 
-    bool Open() {
+    // The target directory or its deepest existing parent; empty when not even the root exists.
+    std::wstring DeepestExisting() const {
         std::wstring dir = target_;
         while (!IsDirectory(dir)) {
             const size_t slash = dir.find_last_of(L"\\/");
             if (slash == std::wstring::npos || slash == 0) {
-                return false;
+                return std::wstring();
             }
             dir.resize(slash);
             if (dir.size() == 2 && dir[1] == L':') {
                 dir += L'\\';  // "C:" names the current directory of drive C; the root is "C:\"
             }
         }
-        // Below a parent, the directory may be more than one level away: watch the whole subtree.
-        const BOOL subtree = dir == target_ ? FALSE : TRUE;
-        handle_ = FindFirstChangeNotificationW(
-            dir.c_str(), subtree,
-            FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_FILE_NAME |
-                FILE_NOTIFY_CHANGE_DIR_NAME);
-        watching_ = dir;
-        signalled_ = false;
-        return handle_ != INVALID_HANDLE_VALUE;
+        return dir;
     }
 
     void Close() {
@@ -189,6 +197,8 @@ private:
             FindCloseChangeNotification(handle_);
             handle_ = INVALID_HANDLE_VALUE;
         }
+        watching_.clear();
+        signalled_ = false;
     }
 
     std::wstring target_;
