@@ -3,6 +3,8 @@
 // start instead of polling the status), and stops on SERVICE_CONTROL_STOP or SHUTDOWN.
 #include <windows.h>
 
+#include <string>
+
 #include "test_agent_protocol.h"
 
 namespace {
@@ -64,7 +66,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
 }  // namespace
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int) {
-    wchar_t name[] = L"Keld";
-    const SERVICE_TABLE_ENTRYW table[] = {{name, ServiceMain}, {nullptr, nullptr}};
+    std::wstring name = qotest::kKeldServiceName;
+    const SERVICE_TABLE_ENTRYW table[] = {{&name[0], ServiceMain}, {nullptr, nullptr}};
     return StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(GetLastError());
 }

@@ -5,14 +5,22 @@
 // test removes them.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "WinTestEnv.h"
 
 namespace {
 
+// Output to ctest's pipe is unbuffered, so a test program that is killed (a timeout, a crash) still
+// shows how far it came.
+[[maybe_unused]] const int g_unbufferedOutput = std::setvbuf(stdout, nullptr, _IONBF, 0) |
+                                                 std::setvbuf(stderr, nullptr, _IONBF, 0);
+
 class TestStateGuard : public ::testing::Environment {
 public:
     void SetUp() override { qotest::ResetTestState(); }
-    // A process left running would keep the test's output pipe open, and ctest would wait for it.
+    // A process left running would hold the test's output pipe, and ctest would wait for it until the
+    // test's timeout.
     void TearDown() override { qotest::TerminateTestProcesses(); }
 };
 

@@ -311,20 +311,18 @@ bool DeleteRegKeyTree(const std::wstring& key, HKEY root) {
 
 namespace {
 
-// Starts a process suspended, lets `prepare` act on its pid, then lets it run.
+// Starts a process suspended, lets `prepare` act on its pid, then lets it run. An empty exe leaves
+// the program to the command line's first token.
 template <class Prepare>
-ChildProcess Launch(const std::wstring& exe, const std::wstring& arguments, const std::wstring& currentDirectory,
+ChildProcess Launch(const std::wstring& exe, std::wstring commandLine, const std::wstring& currentDirectory,
                     Prepare prepare) {
-    std::wstring commandLine = L"\"" + exe + L"\"";
-    if (!arguments.empty()) {
-        commandLine += L" " + arguments;
-    }
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info = {};
     ChildProcess child;
-    if (!CreateProcessW(exe.c_str(), &commandLine[0], nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr,
-                        currentDirectory.empty() ? nullptr : currentDirectory.c_str(), &startup, &info)) {
+    if (!CreateProcessW(exe.empty() ? nullptr : exe.c_str(), &commandLine[0], nullptr, nullptr, FALSE,
+                        CREATE_SUSPENDED, nullptr, currentDirectory.empty() ? nullptr : currentDirectory.c_str(),
+                        &startup, &info)) {
         child.error = GetLastError();
         return child;
     }
@@ -340,11 +338,23 @@ std::wstring ParentExitEventName(DWORD pid) {
     return kParentExitEventPrefix + std::to_wstring(pid);
 }
 
+std::wstring QuotedCommandLine(const std::wstring& exe, const std::wstring& arguments) {
+    std::wstring commandLine = L"\"" + exe + L"\"";
+    if (!arguments.empty()) {
+        commandLine += L" " + arguments;
+    }
+    return commandLine;
+}
+
 }  // namespace
 
 ChildProcess StartProcess(const std::wstring& exe, const std::wstring& arguments,
                           const std::wstring& currentDirectory) {
-    return Launch(exe, arguments, currentDirectory, [](ChildProcess&) {});
+    return Launch(exe, QuotedCommandLine(exe, arguments), currentDirectory, [](ChildProcess&) {});
+}
+
+ChildProcess StartCommandLine(const std::wstring& commandLine, const std::wstring& currentDirectory) {
+    return Launch(std::wstring(), commandLine, currentDirectory, [](ChildProcess&) {});
 }
 
 ChildProcess StartWatchDog(DWORD parentPid, const std::wstring& exe, const std::wstring& currentDirectory) {
@@ -352,7 +362,8 @@ ChildProcess StartWatchDog(DWORD parentPid, const std::wstring& exe, const std::
 }
 
 ChildProcess StartTestParent() {
-    return Launch(TestParentExe(), std::wstring(), std::wstring(), [](ChildProcess& child) {
+    const std::wstring exe = TestParentExe();
+    return Launch(exe, QuotedCommandLine(exe, std::wstring()), std::wstring(), [](ChildProcess& child) {
         child.exitEvent.reset(CreateEventW(nullptr, TRUE, FALSE, ParentExitEventName(child.pid).c_str()));
     });
 }

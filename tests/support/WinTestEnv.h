@@ -132,6 +132,11 @@ struct ChildProcess {
 ChildProcess StartProcess(const std::wstring& exe, const std::wstring& arguments = std::wstring(),
                           const std::wstring& currentDirectory = std::wstring());
 
+// Starts a process from a whole command line, as CreateProcessW does with no application name: the
+// program is the command line's first token.
+ChildProcess StartCommandLine(const std::wstring& commandLine,
+                              const std::wstring& currentDirectory = std::wstring());
+
 // Starts the watchdog as the host process does: "QoWatchDog.exe <parentPid>", current directory the
 // platform directory.
 ChildProcess StartWatchDog(DWORD parentPid, const std::wstring& exe = WatchDogExe(),
