@@ -3,7 +3,8 @@
 #include <windows.h>
 
 void TrimWorkingSet() {
-    HANDLE hProcess = OpenProcess(PROCESS_SET_QUOTA | PROCESS_QUERY_INFORMATION, FALSE, GetCurrentProcessId());
+    HANDLE hProcess =
+        OpenProcess(PROCESS_SET_QUOTA | PROCESS_QUERY_INFORMATION, FALSE, GetCurrentProcessId());
     if (hProcess == nullptr) {
         return;
     }

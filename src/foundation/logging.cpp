@@ -38,8 +38,9 @@ std::string ToFileText(const wchar_t* pszText) {
 // other processes writing the same log (the supervisor and run-key instances) never overwrite or
 // split each other. Readers and other writers may hold the file open meanwhile.
 HANDLE OpenForAppend(const std::wstring& strPath) {
-    return CreateFileW(strPath.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return CreateFileW(strPath.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
 }
 
 }  // namespace

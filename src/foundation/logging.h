@@ -113,10 +113,10 @@ private:
     Guard<CSLock> m_guard;
 };
 
-#define QO_LOG_STATEMENT(bError, message)                                                     \
-    do {                                                                                      \
-        CLogStatement qoLogStatement(LogSourceName(__FILE__), __LINE__, (bError));            \
-        qoLogStatement.Stream() << message << std::endl;                                      \
+#define QO_LOG_STATEMENT(bError, message)                                          \
+    do {                                                                           \
+        CLogStatement qoLogStatement(LogSourceName(__FILE__), __LINE__, (bError)); \
+        qoLogStatement.Stream() << message << std::endl;                           \
     } while (false)
 
 // A message is a chain of values for the stream: LOG_ERROR(L"OpenProcess Err=" << dwErr).

@@ -88,5 +88,5 @@ private:
     DWORD m_dwMaxSessionId;
     DWORD m_dwMonitorCount;
     DWORD m_dwSessionsPerMonitor;
-    std::map<DWORD, boost::shared_ptr<CSessionAgentMonitor> > m_mapMonitor;
+    std::map<DWORD, boost::shared_ptr<CSessionAgentMonitor>> m_mapMonitor;
 };

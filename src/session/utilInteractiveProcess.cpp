@@ -11,7 +11,7 @@
 #include "foundation/logging.h"
 
 const wchar_t* const g_pszCopiedVariables[4] = {L"CommonProgramFiles(x86)", L"CommonProgramW6432",
-                                                 L"ProgramFiles(x86)", L"ProgramW6432"};
+                                                L"ProgramFiles(x86)", L"ProgramW6432"};
 
 namespace {
 
@@ -193,9 +193,8 @@ void* CEnvBlock::GetBlock() {
         nChars += strEntry.size() + 1;
     }
     const size_t cbNeeded = nChars * sizeof(wchar_t);
-    const size_t cbBlock = (m_cbSize > 0 && static_cast<size_t>(m_cbSize) > cbNeeded)
-                               ? static_cast<size_t>(m_cbSize)
-                               : cbNeeded;
+    const size_t cbBlock =
+        (m_cbSize > 0 && static_cast<size_t>(m_cbSize) > cbNeeded) ? static_cast<size_t>(m_cbSize) : cbNeeded;
     boost::shared_ptr<BYTE[]> shpBlock(new (std::nothrow) BYTE[cbBlock]());
     m_block = shpBlock;
     if (!shpBlock) {
@@ -238,8 +237,9 @@ BOOL LaunchInteractiveProcess(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplica
     si.cb = sizeof(si);
     si.lpDesktop = szDesktop;
     PROCESS_INFORMATION pi = {};
-    const BOOL bCreated = CreateProcessAsUserW(res.hPrimaryToken, lpApplicationName, nullptr, nullptr, nullptr,
-                                               FALSE, LAUNCH_FLAGS, pEnvironment, lpCurrentDirectory, &si, &pi);
+    const BOOL bCreated =
+        CreateProcessAsUserW(res.hPrimaryToken, lpApplicationName, nullptr, nullptr, nullptr, FALSE,
+                             LAUNCH_FLAGS, pEnvironment, lpCurrentDirectory, &si, &pi);
     if (!bCreated) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"CreateProcessAsUser GetLastError=" << dwErr);

@@ -40,7 +40,8 @@ bool EnumUserSession(std::vector<SessionRecord>& sessions) {
     return true;
 }
 
-bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath, SessionRecord& record) {
+bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
+                        SessionRecord& record) {
     CScopedHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
     if (!explorer.IsValid()) {
         const DWORD dwErr = GetLastError();

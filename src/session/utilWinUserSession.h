@@ -18,7 +18,8 @@ bool EnumUserSession(std::vector<SessionRecord>& sessions);
 
 // Starts agentPath in the session of record.dwExplorerPid, as the user of that explorer.exe, with
 // workingPath as its current directory. On success the record owns the new process handle.
-bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath, SessionRecord& record);
+bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
+                        SessionRecord& record);
 
 // Read and write the system Path, as stored (unexpanded); both need administrative rights.
 bool GetSystemEnvPath(std::wstring& strPath);

@@ -245,9 +245,9 @@ int Supervise(DWORD dwParentPid, HANDLE hTerminateEvent) {
         LOG_ERROR(L"Parent Process does not exist!!");
         return EXIT_FAILURE_CODE;
     }
-    const HANDLE waitArray[MAIN_WAIT_COUNT] = {reloadEvent.GetHandle(),      stopServiceEvent.GetHandle(),
-                                               hTerminateEvent,              pWatchDog->GetParentProcess(),
-                                               uiFrameworkEvent.GetHandle(), agentAndWaitingEvent.GetHandle()};
+    const HANDLE waitArray[MAIN_WAIT_COUNT] = {
+        reloadEvent.GetHandle(),       stopServiceEvent.GetHandle(), hTerminateEvent,
+        pWatchDog->GetParentProcess(), uiFrameworkEvent.GetHandle(), agentAndWaitingEvent.GetHandle()};
 
     LOG_INFO(L"Enter WaitForMultipleObjects Main Loop");
     if (RunMainLoop(pWatchDog, waitArray)) {
@@ -295,7 +295,8 @@ bool GetKeldDebugLogPath(std::wstring& strDir, std::wstring& strMessage) {
         if (!CreateDirectoryW(strLogDir.c_str(), nullptr)) {
             const DWORD dwErr = GetLastError();
             if (dwErr != ERROR_ALREADY_EXISTS) {
-                strMessage += L"CreateDirectoryW failed. GetLastError=" + ToDecimal(dwErr) + L", path=" + strLogDir;
+                strMessage +=
+                    L"CreateDirectoryW failed. GetLastError=" + ToDecimal(dwErr) + L", path=" + strLogDir;
                 return false;
             }
         }

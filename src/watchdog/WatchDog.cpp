@@ -35,8 +35,8 @@ BOOL CALLBACK LoadSeAgntMaxNum(PINIT_ONCE, PVOID, PVOID*) {
         DWORD dwValue = 0;
         DWORD dwType = 0;
         DWORD cbData = sizeof(dwValue);
-        if (RegQueryValueExW(hKey, REG_VALUE_SE_AGNT_MAX_NUM, nullptr, &dwType, reinterpret_cast<BYTE*>(&dwValue),
-                             &cbData) == ERROR_SUCCESS &&
+        if (RegQueryValueExW(hKey, REG_VALUE_SE_AGNT_MAX_NUM, nullptr, &dwType,
+                             reinterpret_cast<BYTE*>(&dwValue), &cbData) == ERROR_SUCCESS &&
             dwType == REG_DWORD && cbData == sizeof(dwValue)) {
             g_dwSeAgntMaxNum = dwValue;
         }
@@ -60,13 +60,15 @@ DWORD GetSeAgntMaxNum() {
     return g_dwSeAgntMaxNum;
 }
 
-bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory, size_t& nPos, size_t& nLength) {
+bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory, size_t& nPos,
+                   size_t& nLength) {
     if (strDirectory.empty()) {
         return false;
     }
     // A drive root already ends in a backslash; any other directory may stand in Path with one.
     const bool bRoot = strDirectory.back() == L'\\';
-    for (size_t n = strPath.find(strDirectory); n != std::wstring::npos; n = strPath.find(strDirectory, n + 1)) {
+    for (size_t n = strPath.find(strDirectory); n != std::wstring::npos;
+         n = strPath.find(strDirectory, n + 1)) {
         const size_t nEnd = n + strDirectory.size();
         if (n != 0 && strPath[n - 1] != L';') {
             continue;  // the end of a longer entry
@@ -162,7 +164,8 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
             const DWORD dwErr = GetLastError();
             LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=" << dwErr);
         }
-        m_hCloseNoStopEvent = CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD);
+        m_hCloseNoStopEvent =
+            CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD);
         if (m_hCloseNoStopEvent == nullptr) {
             const DWORD dwErr = GetLastError();
             LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=" << dwErr);
@@ -279,8 +282,8 @@ bool IsStartValueSet(HKEY hKey) {
     DWORD dwValue = 0;
     DWORD dwType = 0;
     DWORD cbData = sizeof(dwValue);
-    return RegQueryValueExW(hKey, REG_VALUE_SET_START_EVENT, nullptr, &dwType, reinterpret_cast<BYTE*>(&dwValue),
-                            &cbData) == ERROR_SUCCESS &&
+    return RegQueryValueExW(hKey, REG_VALUE_SET_START_EVENT, nullptr, &dwType,
+                            reinterpret_cast<BYTE*>(&dwValue), &cbData) == ERROR_SUCCESS &&
            dwType == REG_DWORD && cbData == sizeof(dwValue) && dwValue == 1;
 }
 
@@ -302,7 +305,8 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
     const LONG lOpen = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, &installKey.m_hKey);
     if (lOpen != ERROR_SUCCESS) {
         installKey.m_hKey = nullptr;
-        LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err=" << lOpen);
+        LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
+                  << lOpen);
         return false;
     }
     CScopedHandle changeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));

@@ -84,4 +84,5 @@ bool WaitForSetStartEvent(HANDLE hParentProcess);
 
 // Where the watchdog's own directory may be cut out of a Path value: the start of the first
 // occurrence that forms a whole entry, and its length; false when there is none.
-bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory, size_t& nPos, size_t& nLength);
+bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory, size_t& nPos,
+                   size_t& nLength);

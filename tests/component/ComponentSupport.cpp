@@ -36,8 +36,9 @@ bool WaitForMessage(const std::wstring& logPath, const std::string& message, DWO
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
-    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                 nullptr, OPEN_EXISTING, 0, nullptr));
+    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ,
+                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, 0, nullptr));
     std::string bytes;
     if (!file.valid()) {
         return bytes;
@@ -51,8 +52,8 @@ std::string ReadFileBytes(const std::wstring& path) {
 }
 
 void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
-    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                 nullptr));
+    OwnedHandle file(
+        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD nWritten = 0;
     if (file.valid() && !bytes.empty()) {
         WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &nWritten, nullptr);
@@ -121,10 +122,12 @@ RegValue RegRead(HKEY root, const std::wstring& key, const std::wstring& value) 
 bool RegSetRaw(HKEY root, const std::wstring& key, const std::wstring& value, DWORD dwType, const void* data,
                DWORD cbData) {
     HKEY hKey = nullptr;
-    if (RegCreateKeyExW(root, key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey, nullptr) != ERROR_SUCCESS) {
+    if (RegCreateKeyExW(root, key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey, nullptr) !=
+        ERROR_SUCCESS) {
         return false;
     }
-    const LONG status = RegSetValueExW(hKey, value.c_str(), 0, dwType, static_cast<const BYTE*>(data), cbData);
+    const LONG status =
+        RegSetValueExW(hKey, value.c_str(), 0, dwType, static_cast<const BYTE*>(data), cbData);
     RegCloseKey(hKey);
     return status == ERROR_SUCCESS;
 }

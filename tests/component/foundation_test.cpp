@@ -42,14 +42,16 @@ TEST(NamedObjects, EventsAcrossProcessesAndExistingObjects) {
         EXPECT_TRUE(CEvent::Exists(EVENT_ID_BREVANT_WATCHDOG_RELOAD));
         EXPECT_EQ(0u, RunKeyInstance());
         EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(reload.GetHandle(), 0));
-        EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(reload.GetHandle(), 0)) << "auto-reset";
+        EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(reload.GetHandle(), 0))
+            << "auto-reset";
     }
     // Without a supervisor the run-key instance cannot open it and says so.
     EXPECT_EQ(0xFFFFFFFFu, RunKeyInstance());
     const qotest::LogFile log = qotest::LogFile::Read(qotest::WatchDogLogPath());
-    EXPECT_TRUE(log.InOrder({"Start Watch Dog", "Watch Dog started by runkey", "Set Watch Dog Reload successfully. ",
-                             "Exit Watch Dog From Run Key. nRet=0", "Start Watch Dog", "Watch Dog started by runkey",
-                             "Open Watch Dog Reload Event failed. Err=2", "Exit Watch Dog From Run Key. nRet=-1"}));
+    EXPECT_TRUE(
+        log.InOrder({"Start Watch Dog", "Watch Dog started by runkey", "Set Watch Dog Reload successfully. ",
+                     "Exit Watch Dog From Run Key. nRet=0", "Start Watch Dog", "Watch Dog started by runkey",
+                     "Open Watch Dog Reload Event failed. Err=2", "Exit Watch Dog From Run Key. nRet=-1"}));
     EXPECT_TRUE(qotest::HasMessage(log, "Set Watch Dog Reload successfully. "));
 
     // An existing auto-reset event stays auto-reset when asked for a manual-reset one.
@@ -100,7 +102,8 @@ TEST(NamedObjects, NameHeldByAnotherObjectType) {
     const std::wstring strLog = qotest::UseScratchLog(L"bad_sddl");
     DefSecAttr bad(L"D:(not a descriptor");
     EXPECT_FALSE(bad.HasDescriptor());
-    EXPECT_EQ(1u, qotest::LogFile::Read(strLog).CountPrefix("ConvertStringSecurityDescriptorToSecurityDescriptorW Err="));
+    EXPECT_EQ(1u, qotest::LogFile::Read(strLog).CountPrefix(
+                      "ConvertStringSecurityDescriptorToSecurityDescriptorW Err="));
     qotest::StopUsingScratchLog();
 }
 
@@ -130,7 +133,8 @@ TEST(RegKey, AgainstRealKeysAndValueTypes) {
 
     // References stay unexpanded; an empty text is two bytes.
     const wchar_t szExpand[] = L"%SystemRoot%\\system32";
-    ASSERT_TRUE(qotest::RegSetRaw(HKEY_LOCAL_MACHINE, TEST_KEY, L"Expand", REG_EXPAND_SZ, szExpand, sizeof(szExpand)));
+    ASSERT_TRUE(qotest::RegSetRaw(HKEY_LOCAL_MACHINE, TEST_KEY, L"Expand", REG_EXPAND_SZ, szExpand,
+                                  sizeof(szExpand)));
     ASSERT_EQ(ERROR_SUCCESS, key.QueryValue(L"Expand", strValue));
     EXPECT_EQ(L"%SystemRoot%\\system32", strValue);
     ASSERT_EQ(ERROR_SUCCESS, key.SetValue(L"Empty", L""));
@@ -168,7 +172,8 @@ TEST(RegKey, SystemPathReadAndWrittenBack) {
     std::wstring strNow;
     ASSERT_TRUE(GetSystemEnvPath(strNow));
     EXPECT_EQ(strOriginal + L";C:\\QoTest", strNow);
-    EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ), qotest::RegRead(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV, L"Path").dwType);
+    EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ),
+              qotest::RegRead(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV, L"Path").dwType);
     ASSERT_TRUE(SetSystemEnvPath(strOriginal));
     EXPECT_TRUE(qotest::LogFile::Read(strLog).records().empty()) << "no failure, nothing logged";
     qotest::StopUsingScratchLog();

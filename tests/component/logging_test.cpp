@@ -130,8 +130,9 @@ TEST_F(LoggingTest, OversizeFileHeldByAnotherProgramKeepsGrowingUntilReleased) {
     MakeFileOfSize(LOG_FILE_SIZE_LIMIT + 1);
     {
         // A viewer that shares reading and writing but not deletion: neither delete nor rename works.
-        qotest::OwnedHandle viewer(CreateFileW(m_strFile.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                nullptr, OPEN_EXISTING, 0, nullptr));
+        qotest::OwnedHandle viewer(CreateFileW(m_strFile.c_str(), GENERIC_READ,
+                                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                                               nullptr));
         ASSERT_TRUE(viewer.valid());
         LOG_INFO(L"kept in the large file");
         EXPECT_GT(qotest::FileSize(m_strFile), static_cast<size_t>(LOG_FILE_SIZE_LIMIT + 1));
@@ -173,8 +174,9 @@ TEST_F(LoggingTest, LinesOfTwoThreadsNeverMix) {
     for (const LogRecord& rec : log.records()) {
         const char cTag = rec.message.at(7);
         int& next = (cTag == 'a') ? nextA : nextB;
-        EXPECT_EQ("thread " + std::string(1, cTag) + " line " + std::to_string(next) + " " + std::string(60, cTag),
-                  rec.message);
+        EXPECT_EQ(
+            "thread " + std::string(1, cTag) + " line " + std::to_string(next) + " " + std::string(60, cTag),
+            rec.message);
         ++next;
     }
     EXPECT_EQ(nLines, nextA);

@@ -77,15 +77,17 @@ TEST(EnumUserSession, FindsExplorerByFileNameOnly) {
 
 TEST(CEnvBlock, EditsAndLayout) {
     HANDLE hRaw = nullptr;
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE, &hRaw));
+    ASSERT_TRUE(
+        OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE, &hRaw));
     qotest::OwnedHandle token(hRaw);
     CEnvBlock env(token.get(), FALSE);
     ASSERT_FALSE(env.GetEntries().empty());
     const std::vector<std::wstring> before = env.GetEntries();
 
     // The search path is found in any letter case and keeps the entry's spelling of its name.
-    const auto itPath = std::find_if(before.begin(), before.end(),
-                                     [](const std::wstring& e) { return _wcsnicmp(e.c_str(), L"path=", 5) == 0; });
+    const auto itPath = std::find_if(before.begin(), before.end(), [](const std::wstring& e) {
+        return _wcsnicmp(e.c_str(), L"path=", 5) == 0;
+    });
     ASSERT_NE(before.end(), itPath);
     const size_t nPath = static_cast<size_t>(itPath - before.begin());
     EXPECT_TRUE(env.PrependValue(L"PATH", L"C:\\Front"));
@@ -160,7 +162,8 @@ TEST_F(CreateSessionAgentTest, AgentRunsAsTheSessionUserWithItsEnvironmentAndExi
         EXPECT_EQ(qotest::AgentDir(), report.Get(qotest::kReportCwd));
         EXPECT_EQ(std::to_wstring(OwnSession()), report.Get(qotest::kReportSession));
         EXPECT_EQ(0u, report.Get(qotest::kReportPath).find(strOwnDir + L";"))
-            << "the watchdog's directory leads the search path: " << qotest::ToUtf8(report.Get(qotest::kReportPath));
+            << "the watchdog's directory leads the search path: "
+            << qotest::ToUtf8(report.Get(qotest::kReportPath));
         for (const char* pszName : {qotest::kReportCommonProgramFilesX86, qotest::kReportCommonProgramW6432,
                                     qotest::kReportProgramFilesX86, qotest::kReportProgramW6432}) {
             const std::wstring strName = qotest::FromUtf8(pszName);
@@ -174,13 +177,15 @@ TEST_F(CreateSessionAgentTest, AgentRunsAsTheSessionUserWithItsEnvironmentAndExi
     }
 
     const qotest::LogFile log = qotest::LogFile::Read(m_strLog);
-    const std::string strSuccess = " Create Session Agent successfully session ID = " + std::to_string(OwnSession());
+    const std::string strSuccess =
+        " Create Session Agent successfully session ID = " + std::to_string(OwnSession());
     EXPECT_EQ(5u, log.CountPrefix("Newly created process id="));
     EXPECT_EQ(5u, qotest::CountMessage(log, strSuccess));
     // Success, then the shell's id, in that order.
     const size_t nSuccess = log.IndexOf(qotest::MessageIs(strSuccess));
     ASSERT_NE(qotest::LogFile::npos, nSuccess);
-    EXPECT_EQ("Explorer.exe PID=" + std::to_string(WineExplorerPid()), log.records().at(nSuccess + 1).message);
+    EXPECT_EQ("Explorer.exe PID=" + std::to_string(WineExplorerPid()),
+              log.records().at(nSuccess + 1).message);
     EXPECT_EQ(".\\utilWinUserSession", log.records().at(nSuccess).source);
     EXPECT_TRUE(log.malformed().empty());
 }

@@ -95,7 +95,8 @@ TEST_F(WatchDogTest, SingletonLifetimeInitAndCloseEvents) {
 
     EXPECT_FALSE(pFirst->Init(nullptr, L"C:\\"));
     EXPECT_FALSE(pFirst->Init(L"agent.exe", L""));
-    EXPECT_TRUE(qotest::LogFile::Read(m_strLog).records().empty()) << "null or empty paths are refused silently";
+    EXPECT_TRUE(qotest::LogFile::Read(m_strLog).records().empty())
+        << "null or empty paths are refused silently";
     const std::wstring strLong = L"C:\\" + std::wstring(300, L'a');
     EXPECT_FALSE(pFirst->Init(L"agent.exe", strLong.c_str()));
     EXPECT_TRUE(qotest::HasMessage(qotest::LogFile::Read(m_strLog), " Working Path  is empty"));
@@ -129,10 +130,11 @@ TEST_F(WatchDogTest, SingletonLifetimeInitAndCloseEvents) {
     EXPECT_EQ(0, CWatchDog::GetRefCount());
     CWatchDog::ReleaseInstance();
     EXPECT_EQ(0, CWatchDog::GetRefCount());
-    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND),
-              OpenEventW(SYNCHRONIZE, FALSE, L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD") == nullptr
-                  ? GetLastError()
-                  : 0u)
+    EXPECT_EQ(
+        static_cast<DWORD>(ERROR_FILE_NOT_FOUND),
+        OpenEventW(SYNCHRONIZE, FALSE, L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD") == nullptr
+            ? GetLastError()
+            : 0u)
         << "the singleton closed its events";
 }
 
@@ -222,7 +224,8 @@ TEST_F(WatchDogTest, PathCleanupAgainstTheRealValue) {
         {L"C:\\Windows;" + strDir + L";C:\\Tools", L"C:\\Windows;;C:\\Tools"},
         {strDir, L""},
         {strDir + L";C:\\x;" + strDir, L";C:\\x;" + strDir},
-        {L"C:\\Windows;" + strDir + L"\\bin;" + strDir + L"2", L"C:\\Windows;" + strDir + L"\\bin;" + strDir + L"2"},
+        {L"C:\\Windows;" + strDir + L"\\bin;" + strDir + L"2",
+         L"C:\\Windows;" + strDir + L"\\bin;" + strDir + L"2"},
         {strDir + L"\\;C:\\x", L";C:\\x"},
         {qotest::ToLower(strDir) + L";C:\\x", qotest::ToLower(strDir) + L";C:\\x"},
     };
@@ -286,7 +289,8 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
     const DWORD graceful[] = {0, 0xC0000142, 0x40010004};
     for (DWORD i = 0; i < 3; ++i) {
         ASSERT_TRUE(qotest::MakeAgentExit(AgentOf(pWatchDog, 2 + i), graceful[i]));
-        ASSERT_TRUE(qotest::WaitForMessage(m_strLog, "session (" + std::to_string(2 + i) + ") is off.", WAIT_MS));
+        ASSERT_TRUE(
+            qotest::WaitForMessage(m_strLog, "session (" + std::to_string(2 + i) + ") is off.", WAIT_MS));
     }
     SessionRecord rec = {};
     ASSERT_TRUE(pWatchDog->GetSessionSnapshot(3, rec));
@@ -376,7 +380,8 @@ TEST_F(WatchDogTest, FailingStartDropsTheRecordAndBatchesGetTheirOwnThreads) {
 
     // Sessions 61 and 62 belong to monitors 0 and 1, each with its own thread; ids past the last
     // monitor are refused.
-    pWatchDog->RegisterSessions({Record(61, m_dwExplorer), Record(62, m_dwExplorer), Record(3038, m_dwExplorer)});
+    pWatchDog->RegisterSessions(
+        {Record(61, m_dwExplorer), Record(62, m_dwExplorer), Record(3038, m_dwExplorer)});
     EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount());
     EXPECT_EQ(2u, g_vecMonitorThreads.size());
     const qotest::LogFile log = qotest::LogFile::Read(m_strLog);

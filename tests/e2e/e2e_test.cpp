@@ -59,11 +59,13 @@ protected:
         return qotest::WaitForLogCount(qotest::WatchDogLogPath(), qotest::MessageIs(message), count, WAIT_MS);
     }
     bool WaitPrefix(const std::string& prefix, size_t count = 1) const {
-        return qotest::WaitForLogCount(qotest::WatchDogLogPath(), qotest::MessageStartsWith(prefix), count, WAIT_MS);
+        return qotest::WaitForLogCount(qotest::WatchDogLogPath(), qotest::MessageStartsWith(prefix), count,
+                                       WAIT_MS);
     }
     // A run-key instance, as the Run key starts it at a log-on; its exit code.
     DWORD RunKeyInstance(const std::wstring& strArguments = std::wstring()) {
-        qotest::ChildProcess child = qotest::StartProcess(qotest::WatchDogExe(), strArguments, qotest::PlatformDir());
+        qotest::ChildProcess child =
+            qotest::StartProcess(qotest::WatchDogExe(), strArguments, qotest::PlatformDir());
         EXPECT_TRUE(child.handle.valid());
         return qotest::WaitForExitCode(child.handle.get(), WAIT_MS).value_or(0xDEAD);
     }
@@ -153,14 +155,14 @@ TEST_F(Supervisor, WholeLifeGateCrashGracefulEndLogOnStopReloadTerminate) {
     EXPECT_TRUE(log.InOrder({"Start Watch Dog", "Watch Dog started", "Wait for set start event.",
                              "Regkey is changed. check again.", "Exit Reload User Session on Startup",
                              "Enter WaitForMultipleObjects Main Loop", "Session Reload!!", "Session Reload!!",
-                             "Product Adapter Stop Event!!", "Session Reload!!", "Product Adapter Terminate Event!!",
-                             "Start to Wait for All Monitor Thread.", "Wait for All Monitor Thread. dwRet=0",
-                             "Watch Dog finished"}));
+                             "Product Adapter Stop Event!!", "Session Reload!!",
+                             "Product Adapter Terminate Event!!", "Start to Wait for All Monitor Thread.",
+                             "Wait for All Monitor Thread. dwRet=0", "Watch Dog finished"}));
     EXPECT_TRUE(log.InOrder({"Load SeAgntMaxNum=2147483647", "Session agent exits, graceful=0",
-                             "Session agent exits, graceful=1", "session (1) is off.", "No session to monitor.",
-                             "session (1) is on again.", "KELD Stop", "Start to Wait for All Session Agent.",
-                             "Wait for All Session Agent. dwRet=0", "KELD Stop",
-                             "Wait for All Session Agent. dwRet=0"}));
+                             "Session agent exits, graceful=1", "session (1) is off.",
+                             "No session to monitor.", "session (1) is on again.", "KELD Stop",
+                             "Start to Wait for All Session Agent.", "Wait for All Session Agent. dwRet=0",
+                             "KELD Stop", "Wait for All Session Agent. dwRet=0"}));
     EXPECT_TRUE(qotest::HasMessageEndingWith(log, ", exitcode=3221225477"));
     EXPECT_EQ("Watch Dog finished", log.records().back().message);
     for (const qotest::LogRecord& record : log.Containing("Watch Dog")) {
@@ -182,8 +184,8 @@ TEST_F(Supervisor, HostEndFinalWaitHandOverStartsKeldAndASecondInstanceIsRefused
     ASSERT_TRUE(qotest::MakeTestParentExit(firstParent.pid));
     ASSERT_TRUE(WaitLine("Product Adapter Ombrine Crash Event!!"));
     ASSERT_TRUE(qotest::MakeAllAgentsExit(0));
-    ASSERT_TRUE(qotest::WaitForLogLine(qotest::WatchDogLogPath(), qotest::MessageStartsWith("Wait for All Session"),
-                                       WAIT_MS));
+    ASSERT_TRUE(qotest::WaitForLogLine(qotest::WatchDogLogPath(),
+                                       qotest::MessageStartsWith("Wait for All Session"), WAIT_MS));
     EXPECT_TRUE(qotest::IsRunning(first.handle.get()));
     EXPECT_TRUE(MutexExists());
     qotest::ResetAllAgentsExit();
@@ -212,8 +214,9 @@ TEST_F(Supervisor, HostEndFinalWaitHandOverStartsKeldAndASecondInstanceIsRefused
     const size_t nRefused = log.IndexOf(qotest::MessageIs("Another instance is running!!"));
     ASSERT_NE(qotest::LogFile::npos, nRefused);
     EXPECT_EQ(third.pid, log.records()[nRefused].pid);
-    EXPECT_EQ(1u, qotest::CountMessage(
-                      log, "event BREVANT_START_KELD_WITHOUT_UAC or another watch dog instance still exists"));
+    EXPECT_EQ(1u,
+              qotest::CountMessage(
+                  log, "event BREVANT_START_KELD_WITHOUT_UAC or another watch dog instance still exists"));
     EXPECT_EQ("ERROR", log.records()[nRefused].level);
     EXPECT_TRUE(qotest::StopKeldService());
 }
@@ -251,9 +254,10 @@ TEST_F(Supervisor, FinalWaitEndsOnTerminateAndUpdateWaitsForTheCloseFromOutside)
     EXPECT_EQ(0u, ExitOf(second).value_or(0xDEAD));
 
     const qotest::LogFile log = Log();
-    EXPECT_TRUE(log.InOrder({"Close Session Agent and Waiting Event!!", "Start to Wait for All Monitor Thread.",
-                             "Watch Dog finished", "Update Event!!", "Start to Wait for All Monitor Thread.",
-                             "Session agent exits, graceful=0", "KELD Stop", "Watch Dog finished"}));
+    EXPECT_TRUE(
+        log.InOrder({"Close Session Agent and Waiting Event!!", "Start to Wait for All Monitor Thread.",
+                     "Watch Dog finished", "Update Event!!", "Start to Wait for All Monitor Thread.",
+                     "Session agent exits, graceful=0", "KELD Stop", "Watch Dog finished"}));
     EXPECT_EQ(0u, qotest::CountMessage(log, "Start KELD service."));
 }
 
@@ -288,9 +292,9 @@ TEST_F(Supervisor, TerminatePendingAtStartAndRefusedStartGates) {
     const qotest::LogFile log = Log();
     EXPECT_TRUE(log.InOrder({"Watch Dog started", "Product Adapter notifies Watch Dog to terminate.",
                              "Wait for set start event.", "service notify terminate while installation.",
-                             "Wait Start Event failed", "Wait for set start event.", "Service process is shutdown.",
-                             "Wait Start Event failed", "OpenProcess dwPID=4294967291 , Err=",
-                             "Wait Start Event failed"}));
+                             "Wait Start Event failed", "Wait for set start event.",
+                             "Service process is shutdown.", "Wait Start Event failed",
+                             "OpenProcess dwPID=4294967291 , Err=", "Wait Start Event failed"}));
     EXPECT_EQ("Wait Start Event failed", log.records().back().message);
 }
 
@@ -303,7 +307,8 @@ TEST(Entry, LogLocationFallbacksAndBrokenConfigurations) {
     };
 
     // The install directory with a trailing backslash gives the same debug directory.
-    ASSERT_TRUE(qotest::SetRegString(qotest::kKeldKey, qotest::kKeldInstallDirValue, qotest::KeldInstallDir() + L"\\"));
+    ASSERT_TRUE(qotest::SetRegString(qotest::kKeldKey, qotest::kKeldInstallDirValue,
+                                     qotest::KeldInstallDir() + L"\\"));
     EXPECT_EQ(EXIT_FAILED, runKey()) << "no supervisor to notify";
     qotest::LogFile log = qotest::LogFile::Read(qotest::WatchDogLogPath());
     ASSERT_EQ(4u, log.records().size());
@@ -319,7 +324,8 @@ TEST(Entry, LogLocationFallbacksAndBrokenConfigurations) {
     const std::wstring strMissingDir = L"C:\\QoTestMissing\\Keld";
     const std::vector<Case> cases = {
         {[] { qotest::DeleteRegKeyTree(qotest::kKeldKey); }, "RegOpenKeyExW failed. GetLastError="},
-        {[] { qotest::SetRegString(qotest::kKeldKey, qotest::kKeldInstallDirValue, L""); }, "InstallDir is empty"},
+        {[] { qotest::SetRegString(qotest::kKeldKey, qotest::kKeldInstallDirValue, L""); },
+         "InstallDir is empty"},
         {[&] { qotest::SetRegString(qotest::kKeldKey, qotest::kKeldInstallDirValue, strMissingDir); },
          "CreateDirectoryW failed. GetLastError=3, path=C:\\QoTestMissing\\Keld\\debug"},
     };
@@ -396,7 +402,8 @@ TEST(Entry, NamesHeldByObjectsOfAnotherType) {
         qotest::OwnedHandle squatter(CreateEventW(nullptr, TRUE, FALSE, MUTEX));
         qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
         EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
-        EXPECT_EQ("create mutex fail!!", qotest::LogFile::Read(qotest::WatchDogLogPath()).records().back().message);
+        EXPECT_EQ("create mutex fail!!",
+                  qotest::LogFile::Read(qotest::WatchDogLogPath()).records().back().message);
     }
     // A mutex holds the stop event's name: the supervisor cannot serve stop requests and ends.
     {
@@ -406,7 +413,8 @@ TEST(Entry, NamesHeldByObjectsOfAnotherType) {
         EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
         // The session was registered before the events were made: its monitor may log after this.
         const qotest::LogFile log = qotest::LogFile::Read(qotest::WatchDogLogPath());
-        const qotest::LogRecord* pFailed = log.First(qotest::MessageIs("CEvent(EVENT_ID_BREVANT_STOP_SERVICE) Failed"));
+        const qotest::LogRecord* pFailed =
+            log.First(qotest::MessageIs("CEvent(EVENT_ID_BREVANT_STOP_SERVICE) Failed"));
         ASSERT_NE(nullptr, pFailed);
         EXPECT_EQ("ERROR", pFailed->level);
         EXPECT_EQ(0u, log.CountPrefix("Enter WaitForMultipleObjects Main Loop"));
