@@ -1,6 +1,7 @@
 #include "foundation/logging.h"
 
 #include <process.h>
+#include <sddl.h>
 #include <time.h>
 
 #include <string>
@@ -34,9 +35,73 @@ std::string ToFileText(const wchar_t* pszText) {
     return strText;
 }
 
-// Opened for appending only: every write lands at the end of the file in one piece, so lines of
-// other processes writing the same log (the supervisor and run-key instances) never overwrite or
-// split each other. Readers and other writers may hold the file open meanwhile.
+// The supervisor and the run-key instances write the same log. Appends from several processes
+// are not atomic everywhere (Wine loses and tears lines), so each line's whole turn - size check,
+// cut and append - holds this mutex. It is open to every session's processes; without it (when it
+// cannot be had) lines are still written, just without the guard.
+const wchar_t LOG_WRITER_MUTEX[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
+const wchar_t LOG_WRITER_SDDL[] = L"D:(A;;GA;;;WD)(A;;GA;;;SY)";
+
+class CLogWriterMutex {
+public:
+    CLogWriterMutex() : m_hMutex(nullptr) {
+        PSECURITY_DESCRIPTOR pDescriptor = nullptr;
+        ConvertStringSecurityDescriptorToSecurityDescriptorW(LOG_WRITER_SDDL, SDDL_REVISION_1, &pDescriptor,
+                                                             nullptr);
+        SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), pDescriptor, FALSE};
+        m_hMutex = CreateMutexW(&sa, FALSE, LOG_WRITER_MUTEX);
+        if (m_hMutex == nullptr) {
+            m_hMutex = OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, LOG_WRITER_MUTEX);
+        }
+        if (pDescriptor != nullptr) {
+            LocalFree(pDescriptor);
+        }
+    }
+    ~CLogWriterMutex() {
+        if (m_hMutex != nullptr) {
+            CloseHandle(m_hMutex);
+        }
+    }
+    CLogWriterMutex(const CLogWriterMutex&) = delete;
+    CLogWriterMutex& operator=(const CLogWriterMutex&) = delete;
+
+    HANDLE Get() const { return m_hMutex; }
+
+private:
+    HANDLE m_hMutex;
+};
+
+// Holds the writers' mutex for one line; an owner that died mid-line leaves it abandoned, which
+// still hands it over.
+class CLogWriterTurn {
+public:
+    explicit CLogWriterTurn(HANDLE hMutex) : m_hMutex(nullptr) {
+        if (hMutex != nullptr) {
+            const DWORD dwWait = WaitForSingleObject(hMutex, INFINITE);
+            if (dwWait == WAIT_OBJECT_0 || dwWait == WAIT_ABANDONED) {
+                m_hMutex = hMutex;
+            }
+        }
+    }
+    ~CLogWriterTurn() {
+        if (m_hMutex != nullptr) {
+            ReleaseMutex(m_hMutex);
+        }
+    }
+    CLogWriterTurn(const CLogWriterTurn&) = delete;
+    CLogWriterTurn& operator=(const CLogWriterTurn&) = delete;
+
+private:
+    HANDLE m_hMutex;
+};
+
+HANDLE LogWriterMutex() {
+    static const CLogWriterMutex s_mutex;
+    return s_mutex.Get();
+}
+
+// Opened for appending, sharing reading and writing: log viewers and the other watchdog processes
+// may hold the file open meanwhile.
 HANDLE OpenForAppend(const std::wstring& strPath) {
     return CreateFileW(strPath.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
@@ -82,6 +147,7 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
 
     // The file is opened and closed for every line, so nothing is held between lines and a
     // process killed right after a statement has lost nothing of it.
+    const CLogWriterTurn turn(LogWriterMutex());
     HANDLE hFile = OpenForAppend(pSettings->strFile);
     if (hFile == INVALID_HANDLE_VALUE) {
         return;  // lost; the next line tries again

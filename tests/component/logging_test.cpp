@@ -184,3 +184,52 @@ TEST_F(LoggingTest, LinesOfTwoThreadsNeverMix) {
 }
 
 }  // namespace
+
+namespace {
+
+const wchar_t WRITER_FILE_VARIABLE[] = L"QO_TEST_LOG_WRITER_FILE";
+const int WRITER_LINES = 1500;
+
+void WriteNumberedLines(const wchar_t* pszWho) {
+    for (int i = 0; i < WRITER_LINES; ++i) {
+        LOG_INFO(pszWho << L" line " << i);
+    }
+}
+
+// The other writer of the test below: this same program, started with the log's path in its
+// environment. Run on its own, it has nothing to do.
+TEST(LogWriters, ChildWriter) {
+    const std::wstring strFile = qotest::GetEnv(WRITER_FILE_VARIABLE);
+    if (strFile.empty()) {
+        GTEST_SKIP() << "only run by TwoProcessesAtOnceKeepEveryLineWhole";
+    }
+    GetLogger().set_file(strFile.c_str());
+    WriteNumberedLines(L"child");
+    GetLogger().set_file(nullptr);
+}
+
+TEST(LogWriters, TwoProcessesAtOnceKeepEveryLineWhole) {
+    const std::wstring strFile = qotest::UseScratchLog(L"two_writers");
+    wchar_t szSelf[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, szSelf, MAX_PATH);
+    SetEnvironmentVariableW(WRITER_FILE_VARIABLE, strFile.c_str());
+    qotest::ChildProcess child = qotest::StartProcess(szSelf, L"--gtest_filter=LogWriters.ChildWriter");
+    SetEnvironmentVariableW(WRITER_FILE_VARIABLE, nullptr);
+    ASSERT_TRUE(child.handle.valid());
+    WriteNumberedLines(L"parent");
+    EXPECT_EQ(0u, qotest::WaitForExitCode(child.handle.get(), 60000).value_or(0xDEAD));
+    qotest::StopUsingScratchLog();
+
+    const qotest::LogFile log = qotest::LogFile::Read(strFile);
+    EXPECT_TRUE(log.malformed().empty()) << log.DescribeMalformed();
+    ASSERT_EQ(2u * WRITER_LINES, log.records().size());
+    int next[2] = {0, 0};
+    for (const LogRecord& rec : log.records()) {
+        const bool bChild = rec.pid == child.pid;
+        const std::string strWho = bChild ? "child" : "parent";
+        EXPECT_EQ(strWho + " line " + std::to_string(next[bChild]), rec.message);
+        ++next[bChild];
+    }
+}
+
+}  // namespace

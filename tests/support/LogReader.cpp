@@ -1,120 +1,33 @@
 #include "LogReader.h"
 
-#include <cstring>
+#include <regex>
 
 namespace qotest {
 
 namespace {
 
-constexpr size_t kTimeLength = 24;
-
-bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-bool OneOf(const std::string& text, size_t at, const char* const* names, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        if (text.compare(at, 3, names[i]) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool InRange(const std::string& text, size_t at, int low, int high) {
-    const char a = text[at];
-    const char b = text[at + 1];
-    if (!(a == ' ' || IsDigit(a)) || !IsDigit(b)) {
-        return false;
-    }
-    const int value = (a == ' ' ? 0 : a - '0') * 10 + (b - '0');
-    return value >= low && value <= high;
-}
-
-// "Www Mmm dd hh:mm:ss yyyy"; the day of the month may be padded with a space or a zero.
-bool IsCtimeText(const std::string& t) {
-    static const char* const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    return t.size() == kTimeLength && OneOf(t, 0, days, 7) && t[3] == ' ' && OneOf(t, 4, months, 12) &&
-           t[7] == ' ' && InRange(t, 8, 1, 31) && t[10] == ' ' && IsDigit(t[11]) && InRange(t, 11, 0, 23) &&
-           t[13] == ':' && IsDigit(t[14]) && InRange(t, 14, 0, 59) && t[16] == ':' && IsDigit(t[17]) &&
-           InRange(t, 17, 0, 60) && t[19] == ' ' && IsDigit(t[20]) && IsDigit(t[21]) && IsDigit(t[22]) &&
-           IsDigit(t[23]);
-}
-
-// Reads a decimal number up to the next ']'.
-bool ReadNumber(const std::string& line, size_t& at, unsigned long& value) {
-    const size_t start = at;
-    value = 0;
-    while (at < line.size() && IsDigit(line[at])) {
-        if (at - start >= 10) {
-            return false;
-        }
-        value = value * 10 + static_cast<unsigned long>(line[at] - '0');
-        ++at;
-    }
-    return at > start && value <= 0xFFFFFFFFul;
-}
-
-bool Expect(const std::string& line, size_t& at, const char* text) {
-    const size_t length = std::strlen(text);
-    if (line.compare(at, length, text) != 0) {
-        return false;
-    }
-    at += length;
-    return true;
-}
-
-// Text up to (not including) the next ']'; must not be empty.
-bool ReadField(const std::string& line, size_t& at, std::string& field) {
-    const size_t end = line.find(']', at);
-    if (end == std::string::npos || end == at) {
-        return false;
-    }
-    field = line.substr(at, end - at);
-    at = end;
-    return true;
-}
-
-bool Fail(std::string* reason, const char* text) {
-    if (reason != nullptr) {
-        *reason = text;
-    }
-    return false;
-}
+// [<ctime text>][<pid>][Pellisk][.\<source>][<line>][INFO|ERROR]<message>; the ctime text is
+// "Www Mmm dd hh:mm:ss yyyy", its day of the month padded with a blank or a zero.
+const std::regex kLinePattern(
+    R"(\[((?:Sun|Mon|Tue|Wed|Thu|Fri|Sat) (?:Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) )"
+    R"([ 0-3]\d [0-2]\d:[0-5]\d:[0-6]\d \d{4})\]\[(\d{1,10})\]\[(Pellisk)\]\[(\.\\[^\]]+)\]\[(\d{1,10})\])"
+    R"(\[(INFO|ERROR)\](.*))");
 
 bool ParseLine(const std::string& line, LogRecord& record, std::string* reason) {
-    size_t at = 0;
-    if (!Expect(line, at, "[")) {
-        return Fail(reason, line.empty() ? "empty line" : "does not begin with '['");
+    std::smatch match;
+    if (!std::regex_match(line, match, kLinePattern)) {
+        if (reason != nullptr) {
+            *reason = "not [time][pid][Pellisk][.\\source][line][INFO|ERROR]message";
+        }
+        return false;
     }
-    if (line.size() < 1 + kTimeLength || !IsCtimeText(line.substr(1, kTimeLength))) {
-        return Fail(reason, "time is not 24 characters of ctime text");
-    }
-    record.time = line.substr(1, kTimeLength);
-    at = 1 + kTimeLength;
-    unsigned long number = 0;
-    if (!Expect(line, at, "][") || !ReadNumber(line, at, number)) {
-        return Fail(reason, "pid is not a decimal number");
-    }
-    record.pid = static_cast<DWORD>(number);
-    if (!Expect(line, at, "][") || !ReadField(line, at, record.tag) || record.tag != kLogTag) {
-        return Fail(reason, "tag is not Pellisk");
-    }
-    if (!Expect(line, at, "][") || !ReadField(line, at, record.source) || record.source.size() < 3 ||
-        record.source.compare(0, 2, ".\\") != 0) {
-        return Fail(reason, "source does not begin with .\\");
-    }
-    if (!Expect(line, at, "][") || !ReadNumber(line, at, number)) {
-        return Fail(reason, "line is not a decimal number");
-    }
-    record.line = static_cast<unsigned>(number);
-    if (!Expect(line, at, "][") || !ReadField(line, at, record.level) ||
-        (record.level != kLogInfo && record.level != kLogError) || !Expect(line, at, "]")) {
-        return Fail(reason, "level is not INFO or ERROR");
-    }
-    record.message = line.substr(at);
+    record.time = match[1];
+    record.pid = static_cast<DWORD>(std::stoul(match[2]));
+    record.tag = match[3];
+    record.source = match[4];
+    record.line = static_cast<unsigned>(std::stoul(match[5]));
+    record.level = match[6];
+    record.message = match[7];
     return true;
 }
 
@@ -217,14 +130,6 @@ LogPredicate MessageContains(const std::string& text) {
     return [text](const LogRecord& record) { return record.MessageContains(text); };
 }
 
-std::optional<LogRecord> ParseLogLine(const std::string& line, std::string* reason) {
-    LogRecord record;
-    if (!ParseLine(line, record, reason)) {
-        return std::nullopt;
-    }
-    return record;
-}
-
 LogFile LogFile::Parse(const std::string& content) {
     LogFile log;
     log.exists_ = true;
@@ -302,10 +207,6 @@ std::vector<LogRecord> LogFile::Where(const LogPredicate& predicate) const {
     return found;
 }
 
-std::vector<LogRecord> LogFile::WithPrefix(const std::string& messagePrefix) const {
-    return Where(MessageStartsWith(messagePrefix));
-}
-
 std::vector<LogRecord> LogFile::Containing(const std::string& text) const {
     return Where(MessageContains(text));
 }
@@ -337,10 +238,6 @@ size_t LogFile::IndexOf(const LogPredicate& predicate, size_t from) const {
 
 size_t LogFile::IndexOfPrefix(const std::string& messagePrefix, size_t from) const {
     return IndexOf(MessageStartsWith(messagePrefix), from);
-}
-
-size_t LogFile::IndexOfContaining(const std::string& text, size_t from) const {
-    return IndexOf(MessageContains(text), from);
 }
 
 const LogRecord* LogFile::First(const LogPredicate& predicate) const {

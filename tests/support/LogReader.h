@@ -46,8 +46,6 @@ using LogPredicate = std::function<bool(const LogRecord&)>;
 LogPredicate MessageStartsWith(const std::string& prefix);
 LogPredicate MessageContains(const std::string& text);
 
-// Parses one line given without its line end. On a malformed line: nothing, and *reason says why.
-std::optional<LogRecord> ParseLogLine(const std::string& line, std::string* reason = nullptr);
 
 // A log file read at one moment.
 class LogFile {
@@ -70,7 +68,6 @@ public:
     const std::string& unfinishedTail() const { return tail_; }
 
     std::vector<LogRecord> Where(const LogPredicate& predicate) const;
-    std::vector<LogRecord> WithPrefix(const std::string& messagePrefix) const;
     std::vector<LogRecord> Containing(const std::string& text) const;
     size_t Count(const LogPredicate& predicate) const;
     size_t CountPrefix(const std::string& messagePrefix) const;
@@ -79,7 +76,6 @@ public:
     // Index in records() of the first match at or after `from`; npos when there is none.
     size_t IndexOf(const LogPredicate& predicate, size_t from = 0) const;
     size_t IndexOfPrefix(const std::string& messagePrefix, size_t from = 0) const;
-    size_t IndexOfContaining(const std::string& text, size_t from = 0) const;
     // The first match, or nullptr.
     const LogRecord* First(const LogPredicate& predicate) const;
     const LogRecord* FirstWithPrefix(const std::string& messagePrefix) const;
