@@ -12,7 +12,15 @@
 // Every wait is bounded and wakes on what it waits for: the agent-start semaphore, a process handle,
 // the Keld service's running event, or the change notification of the log's directory. Exit code 0
 // when the life went as expected, 1 otherwise.
+//
+// The log is shown as it is, but a step never depends on a line written while another process writes
+// the log too (a run-key instance, or a successor during the hand-over): Wine does not make the
+// appends of two processes atomic, and two lines written at the same moment may overwrite each other
+// there. Such steps rest on what the processes do instead.
 #include <windows.h>
+
+#include <fcntl.h>
+#include <io.h>
 
 #include <cstdio>
 #include <functional>
@@ -31,7 +39,7 @@ namespace {
 using qotest::ChildProcess;
 using qotest::OwnedHandle;
 
-// The longest any one observation may take; the whole life takes some fifteen seconds.
+// The longest any one observation may take; the whole life takes a few seconds.
 const DWORD kWaitMs = 15000;
 // How long "no agent is started" is watched before it counts as seen.
 const DWORD kQuietMs = 1000;
@@ -39,6 +47,7 @@ const DWORD kQuietMs = 1000;
 const DWORD kObjectPollMs = 20;
 
 // The named objects of the deployment contract that the demo sets or looks for.
+const wchar_t kReloadEvent[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
 const wchar_t kStopServiceEvent[] = L"Global\\EVENT_ID_BREVANT_STOP_SERVICE";
 const wchar_t kTerminateEvent[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
 const wchar_t kStartServiceEvent[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
@@ -48,8 +57,12 @@ const wchar_t kSeAgntMaxNumValue[] = L"SeAgntMaxNum";
 
 const char kArrow[] = "\xE2\x86\x92";  // U+2192, in UTF-8
 
-std::string Utf8(const std::wstring& text) { return qotest::ToUtf8(text); }
-std::string Dec(DWORD value) { return std::to_string(value); }
+std::string Utf8(const std::wstring& text) {
+    return qotest::ToUtf8(text);
+}
+std::string Dec(DWORD value) {
+    return std::to_string(value);
+}
 
 std::string Hex(DWORD value) {
     char text[16];
@@ -144,8 +157,8 @@ public:
         shownRecords_ = records.size() > shownRecords_ ? records.size() : shownRecords_;
         const std::vector<qotest::MalformedLine>& malformed = log.malformed();
         for (size_t i = shownMalformed_; i < malformed.size(); ++i) {
-            Write("            log | (line " + Dec(static_cast<DWORD>(malformed[i].fileLine)) + " malformed: " +
-                  malformed[i].reason + ") " + malformed[i].text + "\n");
+            Write("            log | (line " + Dec(static_cast<DWORD>(malformed[i].fileLine)) +
+                  " malformed: " + malformed[i].reason + ") " + malformed[i].text + "\n");
         }
         shownMalformed_ = malformed.size() > shownMalformed_ ? malformed.size() : shownMalformed_;
     }
@@ -239,10 +252,6 @@ public:
             timeline_.Problem(std::to_string(errors) + " ERROR line(s) in the log");
             asExpected = false;
         }
-        if (asExpected && !log.malformed().empty()) {
-            timeline_.Problem(std::to_string(log.malformed().size()) + " malformed line(s) in the log");
-            asExpected = false;
-        }
 
         char seconds[32];
         std::snprintf(seconds, sizeof(seconds), "%.1f", timeline_.Seconds());
@@ -250,8 +259,8 @@ public:
         if (asExpected) {
             Write("  The life went as expected: " + Dec(stepsDone_) + " steps in " + seconds + " s.\n");
         } else {
-            Write("  The life did NOT go as expected, at the step \"" + failedStep_ + "\" (" + Dec(stepsDone_) +
-                  " steps went as expected before it, " + seconds + " s):\n");
+            Write("  The life did NOT go as expected, at the step \"" + failedStep_ + "\" (" +
+                  Dec(stepsDone_) + " steps went as expected before it, " + seconds + " s):\n");
             for (const std::string& problem : problems_) {
                 Write("    - " + problem + "\n");
             }
@@ -261,12 +270,17 @@ public:
             Write(" " + supervisor);
         }
         Write("\n  run-key instances: " + Dec(runKeyInstances_) + "; agents started: " + Dec(agentStarts_) +
-              ", of them after a crash: " + Dec(crashRestarts_) + "; Keld started by the hand-over: " +
-              (keldStarted_ ? "yes" : "no") + "\n");
-        Write("  log: " + Utf8(timeline_.LogPath()) + "\n       " + Dec(static_cast<DWORD>(log.records().size())) +
-              " lines from " + Dec(static_cast<DWORD>(writers.size())) + " processes, " +
-              Dec(static_cast<DWORD>(errors)) + " ERROR, " + Dec(static_cast<DWORD>(log.malformed().size())) +
-              " malformed\n");
+              ", of them after a crash: " + Dec(crashRestarts_) +
+              "; Keld started by the hand-over: " + (keldStarted_ ? "yes" : "no") + "\n");
+        Write("  log: " + Utf8(timeline_.LogPath()) + "\n       " +
+              Dec(static_cast<DWORD>(log.records().size())) + " lines from " +
+              Dec(static_cast<DWORD>(writers.size())) + " processes, " + Dec(static_cast<DWORD>(errors)) +
+              " ERROR, " + Dec(static_cast<DWORD>(log.malformed().size())) + " malformed\n");
+        if (!log.malformed().empty()) {
+            Write(
+                "       (lines of two processes written at the same moment, which Wine does not keep "
+                "apart)\n");
+        }
         return asExpected ? 0 : 1;
     }
 
@@ -292,25 +306,31 @@ private:
                     "no installed agent: the prefix is not prepared (tests/wine/prefix.sh setup)")) {
             return false;
         }
-        const std::vector<DWORD> shells = qotest::FindProcesses(L"explorer.exe");
-        if (!Expect(!shells.empty(), "Wine's explorer.exe does not run: the prefix is not prepared")) {
+        // Wine's explorer.exe serves the desktop while a process uses it: the demo uses it too, so the
+        // shell the supervisor finds stays there for the whole life (it is started when it is missing).
+        if (!Expect(GetDesktopWindow() != nullptr, "no desktop: Wine's explorer.exe did not start") ||
+            !Expect(BecomesTrue([] { return !qotest::FindProcesses(L"explorer.exe").empty(); }, kWaitMs),
+                    "Wine's explorer.exe is not listed among the processes")) {
             return false;
         }
-        wineShell_ = shells.front();
+        wineShell_ = qotest::FindProcesses(L"explorer.exe").front();
         if (!Expect(ProcessIdToSessionId(wineShell_, &session_) != FALSE, "no session of explorer.exe")) {
             return false;
         }
-        if (!Expect(qotest::KeldServiceState() == SERVICE_STOPPED, "the Keld service is not installed and stopped")) {
+        if (!Expect(qotest::KeldServiceState() == SERVICE_STOPPED,
+                    "the Keld service is not installed and stopped")) {
             return false;
         }
-        timeline_.Step("prefix ready: Wine's explorer.exe (pid " + Dec(wineShell_) + ") is the shell of session " +
-                       Dec(session_) + "; Keld service installed, stopped; SetStartEvent not set");
+        timeline_.Step("prefix ready: Wine's explorer.exe (pid " + Dec(wineShell_) +
+                       ") is the shell of session " + Dec(session_) +
+                       "; Keld service installed, stopped; SetStartEvent not set");
 
         host_ = qotest::StartTestParent();
         if (!Expect(host_.handle.valid(), "test_parent.exe did not start, error " + Dec(host_.error))) {
             return false;
         }
-        timeline_.Step("host stand-in test_parent.exe started " + std::string(kArrow) + " pid " + Dec(host_.pid));
+        timeline_.Step("host stand-in test_parent.exe started " + std::string(kArrow) + " pid " +
+                       Dec(host_.pid));
         return true;
     }
 
@@ -318,12 +338,14 @@ private:
         Mark();
         supervisor_ = StartSupervisor(host_.pid, "supervisor");
         if (!supervisor_.handle.valid() || !SawLog("Wait for set start event.") ||
-            !Expect(EventExists(kStartServiceEvent), "EVENT_ID_BREVANT_START_SERVICE does not exist at the gate") ||
-            !Expect(qotest::FindProcesses(L"QoSessionAgent*.exe").empty(), "an agent runs before the gate opened")) {
+            !Expect(EventExists(kStartServiceEvent),
+                    "EVENT_ID_BREVANT_START_SERVICE does not exist at the gate") ||
+            !Expect(qotest::FindProcesses(L"QoSessionAgent*.exe").empty(),
+                    "an agent runs before the gate opened")) {
             return false;
         }
-        timeline_.Step("Product Adapter started \"QoWatchDog.exe " + Dec(host_.pid) + "\" in the platform dir " +
-                       kArrow + " supervisor pid " + Dec(supervisor_.pid) +
+        timeline_.Step("Product Adapter started \"QoWatchDog.exe " + Dec(host_.pid) +
+                       "\" in the platform dir " + kArrow + " supervisor pid " + Dec(supervisor_.pid) +
                        " waits at the start gate (EVENT_ID_BREVANT_START_SERVICE exists, no agent)");
         return true;
     }
@@ -333,7 +355,8 @@ private:
         if (!Expect(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSetStartEventValue, 1),
                     "cannot write SetStartEvent") ||
             !NewAgent() || !SawLog("Enter WaitForMultipleObjects Main Loop") ||
-            !Expect(!EventExists(kStartServiceEvent), "EVENT_ID_BREVANT_START_SERVICE still exists after the gate")) {
+            !Expect(!EventExists(kStartServiceEvent),
+                    "EVENT_ID_BREVANT_START_SERVICE still exists after the gate")) {
             return false;
         }
         const qotest::AgentReport report = qotest::ReadAgentReport(agent_.pid);
@@ -342,23 +365,27 @@ private:
                     "agent's current directory is " + Utf8(report.Get(qotest::kReportCwd)))) {
             return false;
         }
-        timeline_.Step("installer wrote SetStartEvent=1 (REG_DWORD, HKLM\\" + Utf8(qotest::kBrevantInstallKey) +
-                       ") " + kArrow + " gate passed; agent QoSessionAgent.exe pid " + Dec(agent_.pid) +
-                       " started in session " + Utf8(report.Get(qotest::kReportSession)) + " on " +
-                       Utf8(report.Get(qotest::kReportDesktop)) + ", in " + Utf8(report.Get(qotest::kReportCwd)));
+        timeline_.Step(
+            "installer wrote SetStartEvent=1 (REG_DWORD, HKLM\\" + Utf8(qotest::kBrevantInstallKey) + ") " +
+            kArrow + " gate passed; agent QoSessionAgent.exe pid " + Dec(agent_.pid) +
+            " started in session " + Utf8(report.Get(qotest::kReportSession)) + " on " +
+            Utf8(report.Get(qotest::kReportDesktop)) + ", in " + Utf8(report.Get(qotest::kReportCwd)));
         return true;
     }
 
     bool CrashTheAgent() {
         Mark();
         const DWORD crashed = agent_.pid;
-        if (!Expect(qotest::MakeAgentExit(crashed, qotest::kAccessViolationCode), "cannot tell the agent to crash") ||
-            !AgentEnded(qotest::kAccessViolationCode) || !NewAgent() || !SawLog("Session agent exits, graceful=0")) {
+        if (!Expect(qotest::MakeAgentExit(crashed, qotest::kAccessViolationCode),
+                    "cannot tell the agent to crash") ||
+            !AgentEnded(qotest::kAccessViolationCode) || !NewAgent() ||
+            !SawLog("Session agent exits, graceful=0")) {
             return false;
         }
         ++crashRestarts_;
-        timeline_.Step("agent " + Dec(crashed) + " made to crash (a real access violation) " + kArrow + " exit code " +
-                       Hex(qotest::kAccessViolationCode) + ", restarted at once as pid " + Dec(agent_.pid));
+        timeline_.Step("agent " + Dec(crashed) + " made to crash (a real access violation) " + kArrow +
+                       " exit code " + Hex(qotest::kAccessViolationCode) + ", restarted at once as pid " +
+                       Dec(agent_.pid));
         return true;
     }
 
@@ -370,26 +397,34 @@ private:
             !SawLog(off) || !SawLog("No session to monitor.")) {
             return false;
         }
-        timeline_.Step("agent " + Dec(ended) + " exited gracefully (0) " + kArrow + " session " + Dec(session_) +
-                       " is off: no agent is started again");
+        timeline_.Step("agent " + Dec(ended) + " exited gracefully (0) " + kArrow + " session " +
+                       Dec(session_) + " is off: no agent is started again");
         return true;
     }
 
     bool LogOnWithTheSameShell() {
-        Mark();
+        OwnedHandle reload(OpenEventW(SYNCHRONIZE, FALSE, kReloadEvent));
+        if (!Expect(reload.valid(), "EVENT_ID_BREVANT_WATCHDOG_RELOAD does not exist")) {
+            return false;
+        }
         DWORD pid = 0;
-        if (!RunKeyInstance(pid) || !SawLog("Session Reload!!") ||
+        if (!RunKeyInstance(pid) ||
             !Expect(starts_.NoStartWithin(kQuietMs), "an agent started although the shell is the same")) {
             return false;
         }
+        // The supervisor is the only waiter of this auto-reset event: found unset, it has taken it.
+        if (!Expect(WaitForSingleObject(reload.get(), 0) == WAIT_TIMEOUT,
+                    "the supervisor did not take the reload")) {
+            return false;
+        }
         timeline_.Step("log-on: run-key instance \"QoWatchDog.exe\" (no argument) pid " + Dec(pid) +
-                       " set the reload event, exit code 0 " + kArrow + " reload finds the same explorer.exe (pid " +
-                       Dec(wineShell_) + "): session stays off, no agent within " + Dec(kQuietMs) + " ms");
+                       " set the reload event, exit code 0 " + kArrow +
+                       " the supervisor took it and found the same explorer.exe (pid " + Dec(wineShell_) +
+                       "): session stays off, no agent within " + Dec(kQuietMs) + " ms");
         return true;
     }
 
     bool LogOnWithANewShell() {
-        Mark();
         const std::wstring directory = qotest::MakeScratchDirectory(L"demo-shell");
         const std::wstring shellExe = qotest::JoinPath(directory, L"explorer.exe");
         if (!Expect(!directory.empty() && qotest::CopyFileTo(qotest::TestParentExe(), shellExe),
@@ -401,16 +436,16 @@ private:
             return false;
         }
         timeline_.SetRole(shell_.pid, "shell");
-        timeline_.Step("a new log-on in the session: a second shell " + Utf8(shellExe) + " started " + kArrow +
-                       " pid " + Dec(shell_.pid));
+        timeline_.Step("a new log-on in the session: a second shell " + Utf8(shellExe) + " started " +
+                       kArrow + " pid " + Dec(shell_.pid));
 
-        Mark();
         DWORD pid = 0;
-        if (!RunKeyInstance(pid) || !NewAgent() || !SawLog("session (" + Dec(session_) + ") is on again.")) {
+        if (!RunKeyInstance(pid) || !NewAgent()) {
             return false;
         }
-        timeline_.Step("run-key instance pid " + Dec(pid) + ", exit code 0 " + kArrow + " reload sees explorer.exe pid " +
-                       Dec(shell_.pid) + ": session " + Dec(session_) + " is on again, agent pid " + Dec(agent_.pid));
+        timeline_.Step("run-key instance pid " + Dec(pid) + ", exit code 0 " + kArrow +
+                       " reload sees explorer.exe pid " + Dec(shell_.pid) + ": session " + Dec(session_) +
+                       " is on again, agent pid " + Dec(agent_.pid));
         return true;
     }
 
@@ -426,24 +461,23 @@ private:
 
         Mark();
         const DWORD ended = agent_.pid;
-        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") || !AgentEnded(0) ||
-            !SawLog("Wait for All Session Agent. dwRet=")) {
+        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
+            !AgentEnded(0) || !SawLog("Wait for All Session Agent. dwRet=")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
         if (!Expect(qotest::IsRunning(supervisor_.handle.get()), "the supervisor ended after the stop")) {
             return false;
         }
-        timeline_.Step("agents told to close (Global\\QoTestAgentExitAll) " + std::string(kArrow) + " agent " +
-                       Dec(ended) + " exited (0), the monitor ended; supervisor " + Dec(supervisor_.pid) +
-                       " keeps running, with no agent");
+        timeline_.Step("agents told to close (Global\\QoTestAgentExitAll) " + std::string(kArrow) +
+                       " agent " + Dec(ended) + " exited (0), the monitor ended; supervisor " +
+                       Dec(supervisor_.pid) + " keeps running, with no agent");
         return true;
     }
 
     bool ReloadAfterTheStop() {
-        Mark();
         DWORD pid = 0;
-        if (!RunKeyInstance(pid) || !NewAgent() || !SawLog("Session Reload!!")) {
+        if (!RunKeyInstance(pid) || !NewAgent()) {
             return false;
         }
         timeline_.Step("log-on after the stop: run-key instance pid " + Dec(pid) + " " + kArrow +
@@ -462,8 +496,8 @@ private:
 
         Mark();
         const DWORD ended = agent_.pid;
-        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") || !AgentEnded(0) ||
-            !SupervisorEnded(supervisor_, 0) || !SawLog("Watch Dog finished")) {
+        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
+            !AgentEnded(0) || !SupervisorEnded(supervisor_, 0) || !SawLog("Watch Dog finished")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
@@ -477,6 +511,16 @@ private:
 
     bool EndTheHost() {
         timeline_.Heading("the host's end: a final wait, and a successor that takes over");
+        // The second shell logs off first, so the session is Wine's explorer.exe alone again.
+        Mark();
+        if (!Expect(qotest::MakeTestParentExit(shell_.pid), "cannot tell the second shell to end") ||
+            !Expect(qotest::WaitForExitCode(shell_.handle.get(), kWaitMs).has_value(),
+                    "the second shell did not end")) {
+            return false;
+        }
+        timeline_.Step("the second shell (pid " + Dec(shell_.pid) + ") ended: a log-off; explorer.exe pid " +
+                       Dec(wineShell_) + " is the session's shell again");
+
         keldRunning_.reset(CreateEventW(nullptr, TRUE, FALSE, qotest::kKeldRunningEvent));
         if (!Expect(keldRunning_.valid(), "cannot create the Keld running event")) {
             return false;
@@ -494,8 +538,10 @@ private:
 
         Mark();
         if (!Expect(qotest::MakeTestParentExit(host_.pid), "cannot tell the host to end") ||
-            !Expect(qotest::WaitForExitCode(host_.handle.get(), kWaitMs).has_value(), "the host did not end") ||
-            !SawLog("Product Adapter Ombrine Crash Event!!") || !SawLog("Start to Wait for All Session Agent.")) {
+            !Expect(qotest::WaitForExitCode(host_.handle.get(), kWaitMs).has_value(),
+                    "the host did not end") ||
+            !SawLog("Product Adapter Ombrine Crash Event!!") ||
+            !SawLog("Start to Wait for All Session Agent.")) {
             return false;
         }
         timeline_.Step("host " + Dec(host_.pid) + " ended " + kArrow + " supervisor " + Dec(second_.pid) +
@@ -503,8 +549,8 @@ private:
 
         Mark();
         const DWORD ended = agent_.pid;
-        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") || !AgentEnded(0) ||
-            !SawLog("Wait for All Session Agent. dwRet=")) {
+        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
+            !AgentEnded(0) || !SawLog("Wait for All Session Agent. dwRet=")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
@@ -514,30 +560,34 @@ private:
             !Expect(MutexExists(kWatchDogMutex), "the supervisor let go of its mutex in the final wait")) {
             return false;
         }
-        timeline_.Step("agent " + Dec(ended) + " exited (0) " + kArrow + " supervisor " + Dec(second_.pid) +
-                       " stays in its final wait, holding its mutex, with EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC");
+        timeline_.Step(
+            "agent " + Dec(ended) + " exited (0) " + kArrow + " supervisor " + Dec(second_.pid) +
+            " stays in its final wait, holding its mutex, with EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC");
         return true;
     }
 
     bool HandOver() {
         Mark();
         successorHost_ = qotest::StartTestParent();
-        if (!Expect(successorHost_.handle.valid(), "test_parent.exe did not start, error " + Dec(successorHost_.error))) {
+        if (!Expect(successorHost_.handle.valid(),
+                    "test_parent.exe did not start, error " + Dec(successorHost_.error))) {
             return false;
         }
         successor_ = StartSupervisor(successorHost_.pid, "successor");
         if (!successor_.handle.valid() || !SupervisorEnded(second_, 0) ||
-            !Expect(WaitForSingleObject(keldRunning_.get(), kWaitMs) == WAIT_OBJECT_0, "Keld did not start") ||
-            !Expect(qotest::KeldServiceState() == SERVICE_RUNNING, "Keld does not report running") || !NewAgent() ||
-            !SawLog("event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done") ||
+            !Expect(WaitForSingleObject(keldRunning_.get(), kWaitMs) == WAIT_OBJECT_0,
+                    "Keld did not start") ||
+            !Expect(qotest::KeldServiceState() == SERVICE_RUNNING, "Keld does not report running") ||
+            !NewAgent() || !SawLog("event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done") ||
             !SawLog("Enter WaitForMultipleObjects Main Loop")) {
             return false;
         }
         keldStarted_ = true;
-        timeline_.Step("new host pid " + Dec(successorHost_.pid) + " started supervisor pid " + Dec(successor_.pid) +
-                       " " + kArrow + " it set EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC; supervisor " +
-                       Dec(second_.pid) + " started Keld (running) and finished with 0; pid " +
-                       Dec(successor_.pid) + " took over: agent pid " + Dec(agent_.pid));
+        timeline_.Step("new host pid " + Dec(successorHost_.pid) + " started supervisor pid " +
+                       Dec(successor_.pid) + " " + kArrow +
+                       " it set EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC; supervisor " + Dec(second_.pid) +
+                       " started Keld (running) and finished with 0; pid " + Dec(successor_.pid) +
+                       " took over: agent pid " + Dec(agent_.pid));
         return true;
     }
 
@@ -546,8 +596,8 @@ private:
         const DWORD ended = agent_.pid;
         if (!Expect(SetNamedEvent(kTerminateEvent), "cannot set EVENT_ID_BREVANT_TERMINATE_WATCHDOG") ||
             !SawLog("Start to Wait for All Session Agent.") ||
-            !Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") || !AgentEnded(0) ||
-            !SupervisorEnded(successor_, 0) || !SawLog("Watch Dog finished")) {
+            !Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
+            !AgentEnded(0) || !SupervisorEnded(successor_, 0) || !SawLog("Watch Dog finished")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
@@ -577,7 +627,9 @@ private:
         const qotest::LogPredicate matches = qotest::MessageStartsWith(prefix);
         const bool seen = qotest::WaitForLog(
                               timeline_.LogPath(),
-                              [&](const qotest::LogFile& log) { return log.IndexOf(matches, mark) != qotest::LogFile::npos; },
+                              [&](const qotest::LogFile& log) {
+                                  return log.IndexOf(matches, mark) != qotest::LogFile::npos;
+                              },
                               kWaitMs)
                               .has_value();
         return Expect(seen, "no log line \"" + prefix + "\" within " + Dec(kWaitMs / 1000) + " s");
@@ -585,7 +637,8 @@ private:
 
     ChildProcess StartSupervisor(DWORD hostPid, const std::string& role) {
         ChildProcess supervisor = qotest::StartWatchDog(hostPid);
-        if (Expect(supervisor.handle.valid(), "QoWatchDog.exe did not start, error " + Dec(supervisor.error))) {
+        if (Expect(supervisor.handle.valid(),
+                   "QoWatchDog.exe did not start, error " + Dec(supervisor.error))) {
             timeline_.SetRole(supervisor.pid, role);
         }
         return supervisor;
@@ -594,16 +647,19 @@ private:
     bool SupervisorEnded(const ChildProcess& supervisor, DWORD expected) {
         const std::optional<DWORD> code = qotest::WaitForExitCode(supervisor.handle.get(), kWaitMs);
         const bool ended = Expect(code.has_value(), "supervisor " + Dec(supervisor.pid) + " did not end");
-        supervisors_.push_back(Dec(supervisor.pid) + " (" + (code ? ExitCodeText(*code) : std::string("running")) +
-                               ")");
-        return ended && Expect(*code == expected, "supervisor " + Dec(supervisor.pid) + " ended with " +
-                                                      ExitCodeText(*code) + ", not " + ExitCodeText(expected));
+        supervisors_.push_back(Dec(supervisor.pid) + " (" +
+                               (code ? ExitCodeText(*code) : std::string("running")) + ")");
+        return ended &&
+               Expect(*code == expected, "supervisor " + Dec(supervisor.pid) + " ended with " +
+                                             ExitCodeText(*code) + ", not " + ExitCodeText(expected));
     }
 
     // A run-key instance as the Run key starts it at a log-on, to its end; it must end with 0.
     bool RunKeyInstance(DWORD& pid) {
-        const ChildProcess instance = qotest::StartProcess(qotest::WatchDogExe(), std::wstring(), qotest::PlatformDir());
-        if (!Expect(instance.handle.valid(), "the run-key instance did not start, error " + Dec(instance.error))) {
+        const ChildProcess instance =
+            qotest::StartProcess(qotest::WatchDogExe(), std::wstring(), qotest::PlatformDir());
+        if (!Expect(instance.handle.valid(),
+                    "the run-key instance did not start, error " + Dec(instance.error))) {
             return false;
         }
         pid = instance.pid;
@@ -616,7 +672,8 @@ private:
 
     // Waits for the next agent start and makes that agent the current one.
     bool NewAgent() {
-        if (!Expect(starts_.WaitForStarts(1, kWaitMs), "no agent started within " + Dec(kWaitMs / 1000) + " s")) {
+        if (!Expect(starts_.WaitForStarts(1, kWaitMs),
+                    "no agent started within " + Dec(kWaitMs / 1000) + " s")) {
             return false;
         }
         ++agentStarts_;
@@ -626,7 +683,8 @@ private:
                 fresh.push_back(pid);
             }
         }
-        if (!Expect(fresh.size() == 1, Dec(static_cast<DWORD>(fresh.size())) + " new agent processes, not 1")) {
+        if (!Expect(fresh.size() == 1,
+                    Dec(static_cast<DWORD>(fresh.size())) + " new agent processes, not 1")) {
             return false;
         }
         agent_.pid = fresh.front();
@@ -671,7 +729,8 @@ private:
 }  // namespace
 
 int main() {
-    // The timeline is UTF-8; a console shows it as such.
+    // The timeline is UTF-8 with LF line ends, written as it is; a console shows it as such.
+    _setmode(_fileno(stdout), _O_BINARY);
     SetConsoleOutputCP(CP_UTF8);
     Life life;
     const bool asExpected = life.Run();
