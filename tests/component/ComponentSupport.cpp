@@ -35,21 +35,7 @@ bool WaitForMessage(const std::wstring& logPath, const std::string& message, DWO
     return WaitForLogLine(logPath, MessageIs(message), timeoutMs).has_value();
 }
 
-std::string ReadFileBytes(const std::wstring& path) {
-    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ,
-                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                 OPEN_EXISTING, 0, nullptr));
-    std::string bytes;
-    if (!file.valid()) {
-        return bytes;
-    }
-    char buffer[65536];
-    DWORD nRead = 0;
-    while (ReadFile(file.get(), buffer, sizeof(buffer), &nRead, nullptr) && nRead > 0) {
-        bytes.append(buffer, nRead);
-    }
-    return bytes;
-}
+std::string ReadFileBytes(const std::wstring& path) { return ReadWholeFile(path).value_or(std::string()); }
 
 void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
     OwnedHandle file(
@@ -99,6 +85,7 @@ std::wstring ToLower(std::wstring text) {
     return text;
 }
 
+// RegQueryValueExW, not RegGetValueW: the bytes as stored, a string's missing NUL not added.
 RegValue RegRead(HKEY root, const std::wstring& key, const std::wstring& value) {
     RegValue result;
     HKEY hKey = nullptr;
@@ -108,10 +95,10 @@ RegValue RegRead(HKEY root, const std::wstring& key, const std::wstring& value) 
     DWORD cbData = 0;
     if (RegQueryValueExW(hKey, value.c_str(), nullptr, &result.dwType, nullptr, &cbData) == ERROR_SUCCESS) {
         result.data.resize(cbData);
-        if (RegQueryValueExW(hKey, value.c_str(), nullptr, &result.dwType,
-                             reinterpret_cast<BYTE*>(result.data.empty() ? nullptr : &result.data[0]),
-                             &cbData) == ERROR_SUCCESS) {
-            result.found = true;
+        BYTE* buffer = result.data.empty() ? nullptr : reinterpret_cast<BYTE*>(result.data.data());
+        result.found =
+            RegQueryValueExW(hKey, value.c_str(), nullptr, &result.dwType, buffer, &cbData) == ERROR_SUCCESS;
+        if (result.found) {
             result.data.resize(cbData);
         }
     }
@@ -121,15 +108,7 @@ RegValue RegRead(HKEY root, const std::wstring& key, const std::wstring& value) 
 
 bool RegSetRaw(HKEY root, const std::wstring& key, const std::wstring& value, DWORD dwType, const void* data,
                DWORD cbData) {
-    HKEY hKey = nullptr;
-    if (RegCreateKeyExW(root, key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey, nullptr) !=
-        ERROR_SUCCESS) {
-        return false;
-    }
-    const LONG status =
-        RegSetValueExW(hKey, value.c_str(), 0, dwType, static_cast<const BYTE*>(data), cbData);
-    RegCloseKey(hKey);
-    return status == ERROR_SUCCESS;
+    return RegSetKeyValueW(root, key.c_str(), value.c_str(), dwType, data, cbData) == ERROR_SUCCESS;
 }
 
 DWORD ProcessHandleCount() {

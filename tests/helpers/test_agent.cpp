@@ -3,6 +3,8 @@
 // contract is in test_agent_protocol.h.
 #include <windows.h>
 
+#include <algorithm>
+#include <cstring>
 #include <cwchar>
 #include <cwctype>
 #include <string>
@@ -18,144 +20,68 @@ std::string ToUtf8(const std::wstring& text) {
     if (text.empty()) {
         return std::string();
     }
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
-                                         nullptr, nullptr);
-    if (size <= 0) {
-        return std::string();
-    }
-    std::string out(static_cast<size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], size, nullptr,
+    const int length = static_cast<int>(text.size());
+    std::string out(WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), length, out.data(), static_cast<int>(out.size()), nullptr,
                         nullptr);
     return out;
 }
 
+// 32767 characters is the longest path or variable these calls can give; each returns the length.
+constexpr DWORD kMaxText = 32767;
+
 std::wstring ModulePath() {
-    std::wstring buffer(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = GetModuleFileNameW(nullptr, &buffer[0], static_cast<DWORD>(buffer.size()));
-        if (length == 0) {
-            return std::wstring();
-        }
-        if (length < buffer.size()) {
-            buffer.resize(length);
-            return buffer;
-        }
-        buffer.resize(buffer.size() * 2);
-    }
-}
-
-std::wstring DirectoryOf(const std::wstring& path) {
-    const size_t slash = path.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? std::wstring(L".") : path.substr(0, slash);
-}
-
-// File name without its directory and without a trailing ".exe".
-std::wstring BaseNameOf(const std::wstring& path) {
-    const size_t slash = path.find_last_of(L"\\/");
-    std::wstring name = slash == std::wstring::npos ? path : path.substr(slash + 1);
-    if (name.size() > 4 && _wcsicmp(name.c_str() + name.size() - 4, L".exe") == 0) {
-        name.resize(name.size() - 4);
-    }
-    return name;
-}
-
-std::wstring CurrentDirectory() {
-    const DWORD size = GetCurrentDirectoryW(0, nullptr);
-    if (size == 0) {
-        return std::wstring();
-    }
-    std::wstring buffer(size, L'\0');
-    const DWORD length = GetCurrentDirectoryW(size, &buffer[0]);
-    buffer.resize(length < size ? length : 0);
+    std::wstring buffer(kMaxText, L'\0');
+    buffer.resize(GetModuleFileNameW(nullptr, buffer.data(), kMaxText));
     return buffer;
 }
 
-std::wstring EnvironmentValue(const wchar_t* name) {
-    const DWORD size = GetEnvironmentVariableW(name, nullptr, 0);
-    if (size == 0) {
-        return std::wstring();
-    }
-    std::wstring buffer(size, L'\0');
-    const DWORD length = GetEnvironmentVariableW(name, &buffer[0], size);
-    buffer.resize(length < size ? length : 0);
+std::wstring CurrentDirectory() {
+    std::wstring buffer(kMaxText, L'\0');
+    buffer.resize(GetCurrentDirectoryW(kMaxText, buffer.data()));
+    return buffer;
+}
+
+std::wstring EnvironmentValue(const char* name) {
+    std::wstring buffer(kMaxText, L'\0');
+    buffer.resize(
+        GetEnvironmentVariableW(std::wstring(name, name + strlen(name)).c_str(), buffer.data(), kMaxText));
     return buffer;
 }
 
 std::wstring ObjectName(HANDLE object) {
-    if (object == nullptr) {
-        return std::wstring();
-    }
+    wchar_t name[1024] = {};  // the last one stays NUL; a failed call leaves it all empty
     DWORD needed = 0;
-    GetUserObjectInformationW(object, UOI_NAME, nullptr, 0, &needed);
-    if (needed == 0) {
-        return std::wstring();
+    if (object != nullptr) {
+        GetUserObjectInformationW(object, UOI_NAME, name, sizeof(name) - sizeof(wchar_t), &needed);
     }
-    std::wstring buffer(needed / sizeof(wchar_t) + 1, L'\0');
-    if (!GetUserObjectInformationW(object, UOI_NAME, &buffer[0],
-                                   static_cast<DWORD>(buffer.size() * sizeof(wchar_t)), &needed)) {
-        return std::wstring();
-    }
-    buffer.resize(wcslen(buffer.c_str()));
-    return buffer;
-}
-
-std::wstring Widen(const char* text) {
-    std::wstring out;
-    for (; *text != '\0'; ++text) {
-        out.push_back(static_cast<wchar_t>(*text));
-    }
-    return out;
+    return name;
 }
 
 // One report line; a line break inside a value would split the record, so it becomes a space.
 void AppendLine(std::string& report, const char* key, std::wstring value) {
-    for (wchar_t& c : value) {
-        if (c == L'\r' || c == L'\n') {
-            c = L' ';
-        }
-    }
-    report += key;
-    report += '=';
-    report += ToUtf8(value);
-    report += "\r\n";
+    std::replace(value.begin(), value.end(), L'\r', L' ');
+    std::replace(value.begin(), value.end(), L'\n', L' ');
+    report += std::string(key) + '=' + ToUtf8(value) + "\r\n";
 }
 
-std::string BuildReport(const std::wstring& exePath) {
-    const DWORD pid = GetCurrentProcessId();
+std::string BuildReport() {
     DWORD session = 0;
-    const bool haveSession = ProcessIdToSessionId(pid, &session) != FALSE;
+    const bool haveSession = ProcessIdToSessionId(GetCurrentProcessId(), &session) != FALSE;
 
     std::string report;
-    AppendLine(report, qotest::kReportPid, std::to_wstring(pid));
     AppendLine(report, qotest::kReportSession, haveSession ? std::to_wstring(session) : std::wstring());
     AppendLine(report, qotest::kReportCmdline, GetCommandLineW());
     AppendLine(report, qotest::kReportCwd, CurrentDirectory());
-    AppendLine(report, qotest::kReportExe, exePath);
-
-    const char* const variables[] = {qotest::kReportPath, qotest::kReportCommonProgramFilesX86,
-                                     qotest::kReportCommonProgramW6432, qotest::kReportProgramFilesX86,
-                                     qotest::kReportProgramW6432};
-    for (const char* name : variables) {
-        AppendLine(report, name, EnvironmentValue(Widen(name).c_str()));
+    for (const char* name :
+         {qotest::kReportPath, qotest::kReportCommonProgramFilesX86, qotest::kReportCommonProgramW6432,
+          qotest::kReportProgramFilesX86, qotest::kReportProgramW6432}) {
+        AppendLine(report, name, EnvironmentValue(name));
     }
-
     const std::wstring station = ObjectName(GetProcessWindowStation());
     const std::wstring desktop = ObjectName(GetThreadDesktop(GetCurrentThreadId()));
-    AppendLine(report, qotest::kReportWindowStation, station);
     AppendLine(report, qotest::kReportDesktop,
                station.empty() || desktop.empty() ? desktop : station + L"\\" + desktop);
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    GetStartupInfoW(&startup);
-    AppendLine(report, qotest::kReportStartupDesktop,
-               startup.lpDesktop != nullptr ? std::wstring(startup.lpDesktop) : std::wstring());
-
-    if (wchar_t* block = GetEnvironmentStringsW()) {
-        for (const wchar_t* entry = block; *entry != L'\0'; entry += wcslen(entry) + 1) {
-            AppendLine(report, qotest::kReportEnv, entry);
-        }
-        FreeEnvironmentStringsW(block);
-    }
     return report;
 }
 
@@ -182,32 +108,25 @@ bool WriteReport(const std::wstring& directory, const std::string& report) {
     return true;
 }
 
-// "<name>_exit<HEX>" asks for an immediate exit with HEX (one to eight hex digits).
-bool ExitCodeFromName(const std::wstring& baseName, DWORD* code) {
-    const std::wstring marker = qotest::kAgentExitNameMarker;
-    if (baseName.size() <= marker.size()) {
+// "<name>_exit<HEX>.exe" (the last marker, any case) asks for an immediate exit with HEX (one to
+// eight hex digits).
+bool ExitCodeFromName(const std::wstring& exePath, DWORD* code) {
+    std::wstring name = exePath.substr(exePath.find_last_of(L"\\/") + 1);
+    if (name.size() > 4 && _wcsicmp(name.c_str() + name.size() - 4, L".exe") == 0) {
+        name.resize(name.size() - 4);
+    }
+    std::transform(name.begin(), name.end(), name.begin(), towlower);
+    const size_t at = name.rfind(qotest::kAgentExitNameMarker);
+    if (at == std::wstring::npos) {
         return false;
     }
-    for (size_t at = baseName.size() - marker.size(); ; --at) {
-        if (_wcsnicmp(baseName.c_str() + at, marker.c_str(), marker.size()) == 0) {
-            const std::wstring digits = baseName.substr(at + marker.size());
-            if (digits.empty() || digits.size() > 8) {
-                return false;
-            }
-            DWORD value = 0;
-            for (wchar_t c : digits) {
-                if (!iswxdigit(c)) {
-                    return false;
-                }
-                value = value * 16 + static_cast<DWORD>(c <= L'9' ? c - L'0' : (towupper(c) - L'A' + 10));
-            }
-            *code = value;
-            return true;
-        }
-        if (at == 0) {
-            return false;
-        }
+    const std::wstring digits = name.substr(at + wcslen(qotest::kAgentExitNameMarker));
+    if (digits.empty() || digits.size() > 8 ||
+        digits.find_first_not_of(L"0123456789abcdef") != std::wstring::npos) {
+        return false;
     }
+    *code = static_cast<DWORD>(wcstoul(digits.c_str(), nullptr, 16));
+    return true;
 }
 
 DWORD ConfiguredExitCode(const std::wstring& valueName, DWORD fallback) {
@@ -223,9 +142,7 @@ DWORD ConfiguredExitCode(const std::wstring& valueName, DWORD fallback) {
 // Ends the process the way an unhandled exception does, without handing it to a debugger: Wine prints
 // a line on the inherited stderr and starts winedbg before it runs its own filter, and this keeps a
 // test's output clean while the exit code stays the exception code.
-LONG WINAPI EndOnUnhandledException(EXCEPTION_POINTERS*) {
-    return EXCEPTION_EXECUTE_HANDLER;
-}
+LONG WINAPI EndOnUnhandledException(EXCEPTION_POINTERS*) { return EXCEPTION_EXECUTE_HANDLER; }
 
 [[noreturn]] void ExitWith(DWORD code) {
     if (code == qotest::kAccessViolationCode) {
@@ -240,10 +157,11 @@ LONG WINAPI EndOnUnhandledException(EXCEPTION_POINTERS*) {
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int) {
     const std::wstring exePath = ModulePath();
     const std::wstring pid = std::to_wstring(GetCurrentProcessId());
-    WriteReport(DirectoryOf(exePath), BuildReport(exePath));
+    const size_t slash = exePath.find_last_of(L"\\/");
+    WriteReport(slash == std::wstring::npos ? std::wstring(L".") : exePath.substr(0, slash), BuildReport());
 
     DWORD immediateCode = 0;
-    const bool exitAtOnce = ExitCodeFromName(BaseNameOf(exePath), &immediateCode);
+    const bool exitAtOnce = ExitCodeFromName(exePath, &immediateCode);
 
     // The exit events exist before the start is signalled, so a test that saw the start can set them.
     HANDLE exitEvents[2] = {nullptr, nullptr};

@@ -45,22 +45,16 @@ inline constexpr wchar_t kAgentReportPrefix[] = L"agent-";
 inline constexpr wchar_t kAgentReportSuffix[] = L".txt";
 
 // Report keys (the part before the first '=' of a line).
-inline constexpr char kReportPid[] = "pid";                  // decimal
-inline constexpr char kReportSession[] = "session";          // ProcessIdToSessionId, decimal
-inline constexpr char kReportCmdline[] = "cmdline";          // GetCommandLineW
-inline constexpr char kReportCwd[] = "cwd";                  // GetCurrentDirectoryW
-inline constexpr char kReportExe[] = "exe";                  // GetModuleFileNameW
-inline constexpr char kReportWindowStation[] = "winsta";     // name of the process window station
-inline constexpr char kReportDesktop[] = "desktop";          // winsta\desktop of the main thread
-inline constexpr char kReportStartupDesktop[] = "startup_desktop";  // STARTUPINFO lpDesktop as given
+inline constexpr char kReportSession[] = "session";  // ProcessIdToSessionId, decimal
+inline constexpr char kReportCmdline[] = "cmdline";  // GetCommandLineW
+inline constexpr char kReportCwd[] = "cwd";          // GetCurrentDirectoryW
+inline constexpr char kReportDesktop[] = "desktop";  // winsta\desktop of the main thread
 // Environment variables reported by name (empty value when the variable is missing).
 inline constexpr char kReportPath[] = "Path";
 inline constexpr char kReportCommonProgramFilesX86[] = "CommonProgramFiles(x86)";
 inline constexpr char kReportCommonProgramW6432[] = "CommonProgramW6432";
 inline constexpr char kReportProgramFilesX86[] = "ProgramFiles(x86)";
 inline constexpr char kReportProgramW6432[] = "ProgramW6432";
-// One line per entry of the environment block, value "NAME=VALUE", in block order.
-inline constexpr char kReportEnv[] = "env";
 
 // --- test_parent.exe: the host process that starts the watchdog ---------------------------------
 // Waits on this manual-reset event (prefix + its pid in decimal) and exits with 0 when it is set.

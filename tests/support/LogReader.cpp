@@ -1,6 +1,10 @@
 #include "LogReader.h"
 
+#include <algorithm>
+#include <iterator>
 #include <regex>
+
+#include "WinTestEnv.h"
 
 namespace qotest {
 
@@ -13,12 +17,9 @@ const std::regex kLinePattern(
     R"([ 0-3]\d [0-2]\d:[0-5]\d:[0-6]\d \d{4})\]\[(\d{1,10})\]\[(Pellisk)\]\[(\.\\[^\]]+)\]\[(\d{1,10})\])"
     R"(\[(INFO|ERROR)\](.*))");
 
-bool ParseLine(const std::string& line, LogRecord& record, std::string* reason) {
+bool ParseLine(const std::string& line, LogRecord& record) {
     std::smatch match;
     if (!std::regex_match(line, match, kLinePattern)) {
-        if (reason != nullptr) {
-            *reason = "not [time][pid][Pellisk][.\\source][line][INFO|ERROR]message";
-        }
         return false;
     }
     record.time = match[1];
@@ -29,6 +30,10 @@ bool ParseLine(const std::string& line, LogRecord& record, std::string* reason) 
     record.level = match[6];
     record.message = match[7];
     return true;
+}
+
+LogPredicate MessageContains(const std::string& text) {
+    return [text](const LogRecord& record) { return record.MessageContains(text); };
 }
 
 // A change notification on the log's directory, or, while that directory is missing (the watchdog
@@ -44,16 +49,10 @@ public:
     DirectoryWatch(const DirectoryWatch&) = delete;
     DirectoryWatch& operator=(const DirectoryWatch&) = delete;
 
-    // Makes sure the next change signals the handle. Called before each read of the file, so a
-    // change that comes after the read is never lost.
+    // Makes sure the watch is on the deepest existing directory. Called before each read of the file,
+    // so a change that comes after the read is never lost.
     bool Arm() {
         for (;;) {
-            if (handle_ != INVALID_HANDLE_VALUE && signalled_) {
-                signalled_ = false;
-                if (!FindNextChangeNotification(handle_)) {
-                    Close();
-                }
-            }
             // Looked at after the watch is in place: a level made in between is found here.
             const std::wstring deepest = DeepestExisting();
             if (deepest.empty()) {
@@ -64,9 +63,10 @@ public:
                 return true;
             }
             Close();
-            handle_ = FindFirstChangeNotificationW(deepest.c_str(), FALSE,
-                                                   FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE |
-                                                       FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME);
+            handle_ =
+                FindFirstChangeNotificationW(deepest.c_str(), FALSE,
+                                             FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE |
+                                                 FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME);
             if (handle_ == INVALID_HANDLE_VALUE) {
                 return false;
             }
@@ -74,25 +74,19 @@ public:
         }
     }
 
-    // True when a change came within timeoutMs.
-    bool Wait(DWORD timeoutMs) {
-        if (WaitForSingleObject(handle_, timeoutMs) != WAIT_OBJECT_0) {
-            return false;
+    // Waits at most timeoutMs for a change, then asks for the next one (before the caller reads).
+    void Wait(DWORD timeoutMs) {
+        if (WaitForSingleObject(handle_, timeoutMs) == WAIT_OBJECT_0 &&
+            !FindNextChangeNotification(handle_)) {
+            Close();
         }
-        signalled_ = true;
-        return true;
     }
 
 private:
-    static bool IsDirectory(const std::wstring& path) {
-        const DWORD attributes = GetFileAttributesW(path.c_str());
-        return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    }
-
     // The target directory or its deepest existing parent; empty when not even the root exists.
     std::wstring DeepestExisting() const {
         std::wstring dir = target_;
-        while (!IsDirectory(dir)) {
+        while (!DirectoryExists(dir)) {
             const size_t slash = dir.find_last_of(L"\\/");
             if (slash == std::wstring::npos || slash == 0) {
                 return std::wstring();
@@ -111,13 +105,11 @@ private:
             handle_ = INVALID_HANDLE_VALUE;
         }
         watching_.clear();
-        signalled_ = false;
     }
 
     std::wstring target_;
     std::wstring watching_;
     HANDLE handle_ = INVALID_HANDLE_VALUE;
-    bool signalled_ = false;
 };
 
 }  // namespace
@@ -126,15 +118,10 @@ LogPredicate MessageStartsWith(const std::string& prefix) {
     return [prefix](const LogRecord& record) { return record.MessageStartsWith(prefix); };
 }
 
-LogPredicate MessageContains(const std::string& text) {
-    return [text](const LogRecord& record) { return record.MessageContains(text); };
-}
-
 LogFile LogFile::Parse(const std::string& content) {
     LogFile log;
     log.exists_ = true;
-    log.content_ = content;
-    log.hasBom_ = content.compare(0, 3, "\xEF\xBB\xBF") == 0;
+    const bool byteOrderMark = content.compare(0, 3, "\xEF\xBB\xBF") == 0;
 
     size_t start = 0;
     size_t number = 0;
@@ -152,17 +139,15 @@ LogFile LogFile::Parse(const std::string& content) {
             continue;
         }
         line.pop_back();
-        std::string reason;
-        if (number == 1 && log.hasBom_) {
-            log.malformed_.push_back({number, line, "begins with a byte-order mark"});
-            continue;
-        }
         LogRecord record;
-        if (ParseLine(line, record, &reason)) {
+        if (number == 1 && byteOrderMark) {
+            log.malformed_.push_back({number, line, "begins with a byte-order mark"});
+        } else if (ParseLine(line, record)) {
             record.fileLine = number;
             log.records_.push_back(std::move(record));
         } else {
-            log.malformed_.push_back({number, line, reason});
+            log.malformed_.push_back(
+                {number, line, "not [time][pid][Pellisk][.\\source][line][INFO|ERROR]message"});
         }
     }
     return log;
@@ -171,39 +156,23 @@ LogFile LogFile::Parse(const std::string& content) {
 LogFile LogFile::Read(const std::wstring& path) {
     // The watchdog opens the file for each line it appends; a read that meets it there is tried
     // again, a few times, once the line is written.
-    HANDLE file = INVALID_HANDLE_VALUE;
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (file != INVALID_HANDLE_VALUE || GetLastError() != ERROR_SHARING_VIOLATION) {
-            break;
-        }
+    std::optional<std::string> content = ReadWholeFile(path);
+    for (int attempt = 1; !content && GetLastError() == ERROR_SHARING_VIOLATION && attempt < 50; ++attempt) {
         Sleep(10);
+        content = ReadWholeFile(path);
     }
-    if (file == INVALID_HANDLE_VALUE) {
-        LogFile log;
-        const DWORD error = GetLastError();
-        log.exists_ = error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
-        log.readError_ = log.exists_ ? error : ERROR_SUCCESS;
-        return log;
+    if (content) {
+        return Parse(*content);
     }
-    std::string content;
-    char buffer[64 * 1024];
-    DWORD read = 0;
-    while (ReadFile(file, buffer, sizeof(buffer), &read, nullptr) && read > 0) {
-        content.append(buffer, read);
-    }
-    CloseHandle(file);
-    return Parse(content);
+    LogFile log;
+    const DWORD error = GetLastError();
+    log.exists_ = error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+    return log;
 }
 
 std::vector<LogRecord> LogFile::Where(const LogPredicate& predicate) const {
     std::vector<LogRecord> found;
-    for (const LogRecord& record : records_) {
-        if (predicate(record)) {
-            found.push_back(record);
-        }
-    }
+    std::copy_if(records_.begin(), records_.end(), std::back_inserter(found), predicate);
     return found;
 }
 
@@ -212,28 +181,22 @@ std::vector<LogRecord> LogFile::Containing(const std::string& text) const {
 }
 
 size_t LogFile::Count(const LogPredicate& predicate) const {
-    size_t count = 0;
-    for (const LogRecord& record : records_) {
-        count += predicate(record) ? 1 : 0;
-    }
-    return count;
+    return static_cast<size_t>(std::count_if(records_.begin(), records_.end(), predicate));
 }
 
 size_t LogFile::CountPrefix(const std::string& messagePrefix) const {
     return Count(MessageStartsWith(messagePrefix));
 }
 
-size_t LogFile::CountContaining(const std::string& text) const {
-    return Count(MessageContains(text));
-}
+size_t LogFile::CountContaining(const std::string& text) const { return Count(MessageContains(text)); }
 
 size_t LogFile::IndexOf(const LogPredicate& predicate, size_t from) const {
-    for (size_t i = from; i < records_.size(); ++i) {
-        if (predicate(records_[i])) {
-            return i;
-        }
+    if (from >= records_.size()) {
+        return npos;
     }
-    return npos;
+    const auto found =
+        std::find_if(records_.begin() + static_cast<std::ptrdiff_t>(from), records_.end(), predicate);
+    return found == records_.end() ? npos : static_cast<size_t>(found - records_.begin());
 }
 
 size_t LogFile::IndexOfPrefix(const std::string& messagePrefix, size_t from) const {
@@ -269,8 +232,8 @@ std::string LogFile::DescribeMalformed() const {
     return text;
 }
 
-std::optional<LogFile> WaitForLog(const std::wstring& path, const std::function<bool(const LogFile&)>& condition,
-                                  DWORD timeoutMs) {
+std::optional<LogFile> WaitForLog(const std::wstring& path,
+                                  const std::function<bool(const LogFile&)>& condition, DWORD timeoutMs) {
     const ULONGLONG deadline = GetTickCount64() + timeoutMs;
     DirectoryWatch watch(path);
     for (;;) {
@@ -284,17 +247,18 @@ std::optional<LogFile> WaitForLog(const std::wstring& path, const std::function<
             return std::nullopt;
         }
         const DWORD remaining = static_cast<DWORD>(deadline - now);
-        if (!armed) {
-            // No directory on the way to the file can be watched (not even the drive's root): read
-            // again after a short pause. Not seen under Wine, where the notification works.
+        if (armed) {
+            watch.Wait(remaining);
+        } else {
+            // Nothing on the way to the file can be watched (not even the drive's root): read again
+            // after a short pause. Not seen under Wine, where the notification works.
             Sleep(remaining < 50 ? remaining : 50);
-            continue;
         }
-        watch.Wait(remaining);
     }
 }
 
-std::optional<LogRecord> WaitForLogLine(const std::wstring& path, const LogPredicate& predicate, DWORD timeoutMs) {
+std::optional<LogRecord> WaitForLogLine(const std::wstring& path, const LogPredicate& predicate,
+                                        DWORD timeoutMs) {
     std::optional<LogRecord> match;
     WaitForLog(
         path,
@@ -310,7 +274,8 @@ std::optional<LogRecord> WaitForLogLine(const std::wstring& path, const LogPredi
 }
 
 bool WaitForLogCount(const std::wstring& path, const LogPredicate& predicate, size_t count, DWORD timeoutMs) {
-    return WaitForLog(path, [&](const LogFile& log) { return log.Count(predicate) >= count; }, timeoutMs)
+    return WaitForLog(
+               path, [&](const LogFile& log) { return log.Count(predicate) >= count; }, timeoutMs)
         .has_value();
 }
 

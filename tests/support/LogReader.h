@@ -16,10 +16,6 @@
 
 namespace qotest {
 
-inline constexpr char kLogTag[] = "Pellisk";
-inline constexpr char kLogInfo[] = "INFO";
-inline constexpr char kLogError[] = "ERROR";
-
 struct LogRecord {
     std::string time;     // the 24 characters of ctime text, e.g. "Mon Nov 16 20:00:32 2026"
     DWORD pid = 0;        // the writing process
@@ -30,9 +26,10 @@ struct LogRecord {
     std::string message;  // everything after the level, UTF-8
     size_t fileLine = 0;  // 1-based number of the line in the file
 
-    bool IsError() const { return level == kLogError; }
-    bool IsInfo() const { return level == kLogInfo; }
-    bool MessageStartsWith(const std::string& prefix) const { return message.compare(0, prefix.size(), prefix) == 0; }
+    bool IsError() const { return level == "ERROR"; }
+    bool MessageStartsWith(const std::string& prefix) const {
+        return message.compare(0, prefix.size(), prefix) == 0;
+    }
     bool MessageContains(const std::string& text) const { return message.find(text) != std::string::npos; }
 };
 
@@ -44,8 +41,6 @@ struct MalformedLine {
 
 using LogPredicate = std::function<bool(const LogRecord&)>;
 LogPredicate MessageStartsWith(const std::string& prefix);
-LogPredicate MessageContains(const std::string& text);
-
 
 // A log file read at one moment.
 class LogFile {
@@ -58,10 +53,6 @@ public:
     static LogFile Read(const std::wstring& path);
 
     bool exists() const { return exists_; }
-    // ERROR_SUCCESS, or the error that kept an existing file from being read.
-    DWORD readError() const { return readError_; }
-    bool hasByteOrderMark() const { return hasBom_; }
-    const std::string& content() const { return content_; }
     const std::vector<LogRecord>& records() const { return records_; }
     const std::vector<MalformedLine>& malformed() const { return malformed_; }
     // Text after the last line end: a line still being written. Not parsed.
@@ -88,9 +79,6 @@ public:
 
 private:
     bool exists_ = false;
-    DWORD readError_ = ERROR_SUCCESS;
-    bool hasBom_ = false;
-    std::string content_;
     std::string tail_;
     std::vector<LogRecord> records_;
     std::vector<MalformedLine> malformed_;
@@ -100,12 +88,13 @@ private:
 // read when the condition held, nothing on timeout. The file and its directory may not exist yet.
 // It sleeps on a change notification of the log's directory (or, while that is missing, of its
 // nearest existing parent) and reads the file again after each change.
-std::optional<LogFile> WaitForLog(const std::wstring& path, const std::function<bool(const LogFile&)>& condition,
-                                  DWORD timeoutMs);
+std::optional<LogFile> WaitForLog(const std::wstring& path,
+                                  const std::function<bool(const LogFile&)>& condition, DWORD timeoutMs);
 
 // Blocks until the log holds a record matching `predicate` (the first such record is returned) or
 // timeoutMs has passed (nothing returned).
-std::optional<LogRecord> WaitForLogLine(const std::wstring& path, const LogPredicate& predicate, DWORD timeoutMs);
+std::optional<LogRecord> WaitForLogLine(const std::wstring& path, const LogPredicate& predicate,
+                                        DWORD timeoutMs);
 
 // Blocks until at least `count` records match; false on timeout.
 bool WaitForLogCount(const std::wstring& path, const LogPredicate& predicate, size_t count, DWORD timeoutMs);

@@ -13,8 +13,8 @@ namespace {
 
 // Output to ctest's pipe is unbuffered, so a test program that is killed (a timeout, a crash) still
 // shows how far it came.
-[[maybe_unused]] const int g_unbufferedOutput = std::setvbuf(stdout, nullptr, _IONBF, 0) |
-                                                 std::setvbuf(stderr, nullptr, _IONBF, 0);
+[[maybe_unused]] const int g_unbufferedOutput =
+    std::setvbuf(stdout, nullptr, _IONBF, 0) | std::setvbuf(stderr, nullptr, _IONBF, 0);
 
 class TestStateGuard : public ::testing::Environment {
 public:

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "test_agent_protocol.h"
@@ -38,15 +39,15 @@ bool RemoveDirectoryTree(const std::wstring& path);
 std::wstring MakeScratchDirectory(const std::wstring& name);
 // Copies a file, replacing the target.
 bool CopyFileTo(const std::wstring& from, const std::wstring& to);
+// The whole content of a file; nothing when it cannot be opened (GetLastError tells why).
+std::optional<std::string> ReadWholeFile(const std::wstring& path);
 
 // ---------------------------------------------------------------------------------------------
 // Paths handed over by CMake (environment of every test; Windows form).
 
-std::wstring WatchDogExe();     // QO_WATCHDOG_EXE: the build's QoWatchDog.exe
-std::wstring TestAgentExe();    // QO_TEST_AGENT_EXE
-std::wstring TestParentExe();   // QO_TEST_PARENT_EXE
-std::wstring KeldServiceExe();  // QO_KELD_SERVICE_EXE
-std::wstring HelperDir();       // QO_HELPER_DIR: the directory of the helper programs
+std::wstring WatchDogExe();    // QO_WATCHDOG_EXE: the build's QoWatchDog.exe
+std::wstring TestAgentExe();   // QO_TEST_AGENT_EXE
+std::wstring TestParentExe();  // QO_TEST_PARENT_EXE
 
 // The installed client in the test prefix.
 std::wstring PlatformDir();        // C:\Program Files\Corvane\Brevant\Platform (holds Session_Agent.ini)
@@ -61,8 +62,6 @@ inline constexpr wchar_t kBrevantInstallKey[] = L"Software\\Corvane\\Brevant\\0\
 inline constexpr wchar_t kKeldKey[] = L"SOFTWARE\\Corvane\\Keld";
 inline constexpr wchar_t kKeldInstallDirValue[] = L"InstallDir";
 inline constexpr wchar_t kSetStartEventValue[] = L"SetStartEvent";
-// Everything the tests themselves keep in the registry lives below this key.
-inline constexpr wchar_t kTestRootKey[] = L"Software\\QoTest";
 
 // ---------------------------------------------------------------------------------------------
 // Handles
@@ -73,10 +72,10 @@ public:
     OwnedHandle() = default;
     explicit OwnedHandle(HANDLE handle) { reset(handle); }
     ~OwnedHandle() { reset(); }
-    OwnedHandle(OwnedHandle&& other) noexcept : handle_(other.release()) {}
+    OwnedHandle(OwnedHandle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
     OwnedHandle& operator=(OwnedHandle&& other) noexcept {
         if (this != &other) {
-            reset(other.release());
+            reset(std::exchange(other.handle_, nullptr));
         }
         return *this;
     }
@@ -86,11 +85,6 @@ public:
     HANDLE get() const { return handle_; }
     bool valid() const { return handle_ != nullptr; }
     explicit operator bool() const { return valid(); }
-    HANDLE release() {
-        HANDLE handle = handle_;
-        handle_ = nullptr;
-        return handle;
-    }
     // Closes the current handle; the thread's last-error value survives the close.
     void reset(HANDLE handle = nullptr);
 
@@ -102,17 +96,10 @@ private:
 // Registry (HKEY_LOCAL_MACHINE unless a root is given). Setters create the key. Deleting something
 // that is not there counts as success.
 
-bool SetRegDword(const std::wstring& key, const std::wstring& value, DWORD data, HKEY root = HKEY_LOCAL_MACHINE);
-bool SetRegQword(const std::wstring& key, const std::wstring& value, ULONGLONG data,
+bool SetRegDword(const std::wstring& key, const std::wstring& value, DWORD data,
                  HKEY root = HKEY_LOCAL_MACHINE);
 bool SetRegString(const std::wstring& key, const std::wstring& value, const std::wstring& data,
                   HKEY root = HKEY_LOCAL_MACHINE);
-std::optional<DWORD> GetRegDword(const std::wstring& key, const std::wstring& value, HKEY root = HKEY_LOCAL_MACHINE);
-std::optional<ULONGLONG> GetRegQword(const std::wstring& key, const std::wstring& value,
-                                     HKEY root = HKEY_LOCAL_MACHINE);
-std::optional<std::wstring> GetRegString(const std::wstring& key, const std::wstring& value,
-                                         HKEY root = HKEY_LOCAL_MACHINE);
-bool RegKeyExists(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
 bool CreateRegKey(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
 bool DeleteRegValue(const std::wstring& key, const std::wstring& value, HKEY root = HKEY_LOCAL_MACHINE);
 bool DeleteRegKeyTree(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
@@ -131,11 +118,6 @@ struct ChildProcess {
 // current directory).
 ChildProcess StartProcess(const std::wstring& exe, const std::wstring& arguments = std::wstring(),
                           const std::wstring& currentDirectory = std::wstring());
-
-// Starts a process from a whole command line, as CreateProcessW does with no application name: the
-// program is the command line's first token.
-ChildProcess StartCommandLine(const std::wstring& commandLine,
-                              const std::wstring& currentDirectory = std::wstring());
 
 // Starts the watchdog as the host process does: "QoWatchDog.exe <parentPid>", current directory the
 // platform directory.
@@ -161,7 +143,7 @@ std::vector<DWORD> FindProcesses(const std::wstring& pattern);
 size_t TerminateTestProcesses(DWORD timeoutMs = 5000);
 
 // Brings the prefix back to the installed-client state before a test: ends the tests' processes,
-// stops the Keld service, removes the tests' registry key (kTestRootKey), restores the Install key
+// stops the Keld service, removes the tests' registry key (HKLM\Software\QoTest), restores the Install key
 // without SetStartEvent and the Keld InstallDir value, removes the watchdog's debug directory and the
 // agent reports, and clears the broadcast exit event. Every test program runs it before its tests
 // (and ends the processes after them), see TestStateGuard.cpp.
@@ -187,15 +169,11 @@ private:
 struct AgentReport {
     bool found = false;
     std::map<std::string, std::wstring> values;  // key -> value, see kReport* in the protocol
-    std::vector<std::wstring> environment;       // "NAME=VALUE" entries, in block order
 
     // The value of a key, empty when missing.
     std::wstring Get(const char* key) const;
-    // An environment entry by name (case-insensitive), nothing when missing.
-    std::optional<std::wstring> Env(const std::wstring& name) const;
 };
 
-std::wstring AgentReportPath(DWORD pid, const std::wstring& directory = AgentDir());
 AgentReport ReadAgentReport(DWORD pid, const std::wstring& directory = AgentDir());
 // Deletes agent-*.txt in the directory.
 void RemoveAgentReports(const std::wstring& directory = AgentDir());
