@@ -6,6 +6,7 @@
 #include <cstring>
 #include <cwchar>
 #include <numeric>
+#include <optional>
 
 #include "LogReader.h"
 
@@ -306,10 +307,10 @@ void ReportRestarts(const RestartRun& run) {
     const Summary baseline = Summarize(bare);
     Say("  %lu rounds each, alternating; milliseconds         median     mean      min      max",
         static_cast<unsigned long>(restart.count));
-    Say("  agent exit seen -> replacement started        %8.1f %8.1f %8.1f %8.1f", restart.median, restart.mean,
-        restart.min, restart.max);
-    Say("  exit event set -> replacement started         %8.1f %8.1f %8.1f %8.1f", trigger.median, trigger.mean,
-        trigger.min, trigger.max);
+    Say("  agent exit seen -> replacement started        %8.1f %8.1f %8.1f %8.1f", restart.median,
+        restart.mean, restart.min, restart.max);
+    Say("  exit event set -> replacement started         %8.1f %8.1f %8.1f %8.1f", trigger.median,
+        trigger.mean, trigger.min, trigger.max);
     Say("  bare CreateProcessW + wait (baseline)         %8.1f %8.1f %8.1f %8.1f", baseline.median,
         baseline.mean, baseline.min, baseline.max);
     Say("  RATIO restart latency / bare create-and-wait: %s (medians), %s (means)",
@@ -368,7 +369,8 @@ void Supervisor::Shutdown() {
     if (!qotest::MakeAllAgentsExit(0)) {
         Fail("cannot set the agents' broadcast exit event");
     }
-    const std::optional<DWORD> code = qotest::WaitForExitCode(watchdog_.handle.get(), SUPERVISOR_EXIT_TIMEOUT_MS);
+    const std::optional<DWORD> code =
+        qotest::WaitForExitCode(watchdog_.handle.get(), SUPERVISOR_EXIT_TIMEOUT_MS);
     terminate.reset();
     qotest::ResetAllAgentsExit();
     if (!code) {
@@ -378,7 +380,8 @@ void Supervisor::Shutdown() {
         Fail(Format("the supervisor ended with code 0x%08lX instead of 0", *code));
     }
     if (!qotest::MakeTestParentExit(parent_.pid) ||
-        qotest::WaitForExitCode(parent_.handle.get(), SUPERVISOR_EXIT_TIMEOUT_MS) != std::optional<DWORD>(0)) {
+        qotest::WaitForExitCode(parent_.handle.get(), SUPERVISOR_EXIT_TIMEOUT_MS) !=
+            std::optional<DWORD>(0)) {
         Fail("test_parent.exe did not end");
     }
     if (!WaitNoAgentLeft(AGENT_EXIT_TIMEOUT_MS)) {

@@ -62,7 +62,8 @@ int Run(int rounds, int warmup) {
         Fail("cannot create the start semaphore");
     }
     CWatchDog* watchDog = CWatchDog::GetInstance();
-    if (watchDog == nullptr || !watchDog->Init(qotest::InstalledAgentExe().c_str(), qotest::AgentDir().c_str())) {
+    if (watchDog == nullptr ||
+        !watchDog->Init(qotest::InstalledAgentExe().c_str(), qotest::AgentDir().c_str())) {
         Fail("CWatchDog::Init failed");
     }
     SessionRecord record = {};
@@ -98,7 +99,8 @@ int Run(int rounds, int warmup) {
     const qotest::LogFile log = qotest::LogFile::Read(logPath);
     const size_t crashes = log.CountPrefix("Session agent exits, graceful=0,");
     if (crashes != static_cast<size_t>(rounds + warmup)) {
-        Fail(Format("the log shows %lu crashes for %d rounds", static_cast<unsigned long>(crashes), rounds + warmup));
+        Fail(Format("the log shows %lu crashes for %d rounds", static_cast<unsigned long>(crashes),
+                    rounds + warmup));
     }
     const std::vector<qotest::LogRecord> errors =
         log.Where([](const qotest::LogRecord& line) { return line.IsError(); });

@@ -44,7 +44,8 @@ int Run(int rounds, int warmup) {
     const qotest::LogFile log = qotest::LogFile::Read(qotest::WatchDogLogPath());
     const size_t crashes = log.CountPrefix("Session agent exits, graceful=0,");
     if (crashes != static_cast<size_t>(rounds + warmup)) {
-        Fail(Format("the log shows %lu crashes for %d rounds", static_cast<unsigned long>(crashes), rounds + warmup));
+        Fail(Format("the log shows %lu crashes for %d rounds", static_cast<unsigned long>(crashes),
+                    rounds + warmup));
     }
 
     Say("Agent restart latency, real QoWatchDog.exe as supervisor (agent ends with exit code 1)");

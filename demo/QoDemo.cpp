@@ -57,12 +57,8 @@ const wchar_t kSeAgntMaxNumValue[] = L"SeAgntMaxNum";
 
 const char kArrow[] = "\xE2\x86\x92";  // U+2192, in UTF-8
 
-std::string Utf8(const std::wstring& text) {
-    return qotest::ToUtf8(text);
-}
-std::string Dec(DWORD value) {
-    return std::to_string(value);
-}
+std::string Utf8(const std::wstring& text) { return qotest::ToUtf8(text); }
+std::string Dec(DWORD value) { return std::to_string(value); }
 
 std::string Hex(DWORD value) {
     char text[16];
