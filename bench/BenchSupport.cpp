@@ -200,9 +200,14 @@ DWORD ExplorerPid() {
     return pids.empty() ? 0 : pids.front();
 }
 
-void ResetMachine() {
+DWORD ResetMachine() {
     qotest::ResetTestState();
     qotest::DeleteRegValue(qotest::kBrevantInstallKey, kSeAgntMaxNumValue);
+    const DWORD explorer = ExplorerPid();
+    if (explorer == 0) {
+        Fail("Wine's explorer.exe is not running");
+    }
+    return explorer;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -210,8 +215,11 @@ void ResetMachine() {
 
 StartCounter::StartCounter()
     : semaphore_(CreateSemaphoreW(nullptr, 0, 0x7FFFFFFF, qotest::kAgentStartedSemaphore)) {
+    if (!semaphore_) {
+        Fail(Format("cannot create the start semaphore, error=%lu", GetLastError()));
+    }
     // A semaphore still held elsewhere may hold counts: begin from zero.
-    while (semaphore_ && WaitForSingleObject(semaphore_.get(), 0) == WAIT_OBJECT_0) {
+    while (WaitForSingleObject(semaphore_.get(), 0) == WAIT_OBJECT_0) {
     }
 }
 
@@ -315,6 +323,16 @@ void ReportRestarts(const RestartRun& run) {
         baseline.mean, baseline.min, baseline.max);
     Say("  RATIO restart latency / bare create-and-wait: %s (medians), %s (means)",
         Ratio(restart.median, baseline.median).c_str(), Ratio(restart.mean, baseline.mean).c_str());
+}
+
+int RestartMain(int argc, wchar_t** argv, const char* program, int (*run)(int rounds, int warmup)) {
+    int rounds = 50;
+    int warmup = 3;
+    if (!ParseOptions(argc, argv, {{L"--rounds", &rounds, 1}, {L"--warmup", &warmup, 0}})) {
+        std::fprintf(stderr, "usage: %s [--rounds N] [--warmup N]\n", program);
+        return 2;
+    }
+    return run(rounds, warmup);
 }
 
 // ---------------------------------------------------------------------------------------------

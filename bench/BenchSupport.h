@@ -68,18 +68,18 @@ bool InstallExitingAgent();
 DWORD ExplorerPid();
 
 // Brings the prefix back to the installed-client state (qotest::ResetTestState) and removes
-// SeAgntMaxNum, so every benchmark starts from the same machine.
-void ResetMachine();
+// SeAgntMaxNum, so every benchmark starts from the same machine. Returns the pid of Wine's
+// explorer.exe and fails the program when none runs.
+DWORD ResetMachine();
 
 // ---------------------------------------------------------------------------------------------
 // Counting agent starts
 
-// Owns Global\QoTestAgentStarted, from zero. Unlike qotest::AgentStartCounter it says how many
-// starts it took when a wait times out.
+// Owns Global\QoTestAgentStarted, from zero; fails the program when it cannot be created. Unlike
+// qotest::AgentStartCounter it says how many starts it took when a wait times out.
 class StartCounter {
 public:
     StartCounter();
-    bool valid() const { return semaphore_.valid(); }
     // Takes up to `count` starts within timeoutMs; returns how many it took.
     int Take(int count, DWORD timeoutMs);
     // Takes one start; true when it came within timeoutMs.
@@ -114,6 +114,9 @@ RestartRun MeasureRestarts(int rounds, int warmup, DWORD firstAgentPid, StartCou
 
 // Prints the restart figures of a run: latencies and their ratio to the bare rounds.
 void ReportRestarts(const RestartRun& run);
+
+// wmain of a restart benchmark: reads "--rounds N" (50) and "--warmup N" (3), then runs it.
+int RestartMain(int argc, wchar_t** argv, const char* program, int (*run)(int rounds, int warmup));
 
 // ---------------------------------------------------------------------------------------------
 // The real watchdog, as the Product Adapter runs it

@@ -42,13 +42,9 @@ DWORD AgentOf(CWatchDog* watchDog, DWORD sessionId) {
 }
 
 int Run(int rounds, int warmup) {
-    qobench::ResetMachine();
+    const DWORD explorer = qobench::ResetMachine();
     if (!qobench::InstallExitingAgent()) {
         Fail("cannot install QoSessionAgent_exit0.exe");
-    }
-    const DWORD explorer = qobench::ExplorerPid();
-    if (explorer == 0) {
-        Fail("Wine's explorer.exe is not running");
     }
     const std::wstring logDir = qotest::MakeScratchDirectory(L"bench-restart");
     if (logDir.empty()) {
@@ -58,9 +54,6 @@ int Run(int rounds, int warmup) {
     GetLogger().set_file(logPath.c_str());
 
     qobench::StartCounter started;
-    if (!started.valid()) {
-        Fail("cannot create the start semaphore");
-    }
     CWatchDog* watchDog = CWatchDog::GetInstance();
     if (watchDog == nullptr ||
         !watchDog->Init(qotest::InstalledAgentExe().c_str(), qotest::AgentDir().c_str())) {
@@ -116,12 +109,4 @@ int Run(int rounds, int warmup) {
 
 }  // namespace
 
-int wmain(int argc, wchar_t** argv) {
-    int rounds = 50;
-    int warmup = 3;
-    if (!qobench::ParseOptions(argc, argv, {{L"--rounds", &rounds, 1}, {L"--warmup", &warmup, 0}})) {
-        std::fputs("usage: bench_restart [--rounds N] [--warmup N]\n", stderr);
-        return 2;
-    }
-    return Run(rounds, warmup);
-}
+int wmain(int argc, wchar_t** argv) { return qobench::RestartMain(argc, argv, "bench_restart", Run); }

@@ -26,14 +26,8 @@ int Run(int rounds, int warmup) {
     if (!qobench::InstallExitingAgent()) {
         Fail("cannot install QoSessionAgent_exit0.exe");
     }
-    if (qobench::ExplorerPid() == 0) {
-        Fail("Wine's explorer.exe is not running");
-    }
 
     qobench::StartCounter started;
-    if (!started.valid()) {
-        Fail("cannot create the start semaphore");
-    }
     qobench::Supervisor supervisor;
     supervisor.Start(started);
     const qobench::RestartRun run =
@@ -57,11 +51,5 @@ int Run(int rounds, int warmup) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    int rounds = 50;
-    int warmup = 3;
-    if (!qobench::ParseOptions(argc, argv, {{L"--rounds", &rounds, 1}, {L"--warmup", &warmup, 0}})) {
-        std::fputs("usage: bench_supervisor_restart [--rounds N] [--warmup N]\n", stderr);
-        return 2;
-    }
-    return Run(rounds, warmup);
+    return qobench::RestartMain(argc, argv, "bench_supervisor_restart", Run);
 }

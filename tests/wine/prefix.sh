@@ -7,7 +7,8 @@
 # setup makes a fresh prefix prepared like a workstation with the client installed (registry keys, the
 # platform directory with Session_Agent.ini and the agent stand-in, the Keld service), leaves a
 # persistent wineserver and a desktop keeper running, and checks the result. teardown ends every
-# process of the prefix and leaves the prefix on disk for inspection; the next setup removes it.
+# process of the prefix, fails if one is still there, and leaves the prefix on disk for inspection;
+# the next setup removes it.
 #
 # Everything started here runs with its standard streams on /dev/null or on the log file and with no
 # other inherited descriptor: a wine process that outlives this script must not hold the pipe ctest
@@ -87,15 +88,18 @@ prefix_pids() {
     done
 }
 
-# Waits (at most $1 seconds) until no process of the prefix is left; kills what remains after that.
+# Waits (at most $1 seconds) until no process of the prefix is left; kills what remains after that
+# and gives the kill two seconds to take.
 wait_prefix_empty() {
-    local deadline=$((SECONDS + $1)) pids
+    local deadline=$((SECONDS + $1)) pids killed=""
     while pids=$(prefix_pids) && [ -n "$pids" ]; do
         if [ $SECONDS -ge $deadline ]; then
+            [ -z "$killed" ] || return 0
             echo "prefix.sh: killing what is left of $prefix:" $pids >&2
             # shellcheck disable=SC2086
             kill -KILL $pids 2>/dev/null || true
-            return 0
+            killed=1
+            deadline=$((SECONDS + 2))
         fi
         sleep 0.1
     done
@@ -218,7 +222,10 @@ setup() {
 
 teardown() {
     stop_prefix
-    echo "wine prefix stopped in $(elapsed) s: $prefix (left on disk)"
+    local left
+    left=$(prefix_pids)
+    [ -z "$left" ] || fail "wine processes still running after the kill:" $left
+    echo "wine prefix stopped in $(elapsed) s, no wine process left: $prefix (left on disk)"
 }
 
 case $action in
