@@ -27,8 +27,6 @@ const DWORD FIND_AGENT_TIMEOUT_MS = 5000;
 const wchar_t kExitingAgentName[] = L"QoSessionAgent_exit0.exe";
 const wchar_t kInstalledAgentName[] = L"QoSessionAgent.exe";
 const wchar_t kAnyAgentPattern[] = L"QoSessionAgent*.exe";
-const wchar_t kTerminateWatchDogEvent[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
-const wchar_t kSeAgntMaxNumValue[] = L"SeAgntMaxNum";
 
 std::string VFormat(const char* format, va_list args) {
     va_list copy;
@@ -202,7 +200,7 @@ DWORD ExplorerPid() {
 
 DWORD ResetMachine() {
     qotest::ResetTestState();
-    qotest::DeleteRegValue(qotest::kBrevantInstallKey, kSeAgntMaxNumValue);
+    qotest::DeleteRegValue(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue);
     const DWORD explorer = ExplorerPid();
     if (explorer == 0) {
         Fail("Wine's explorer.exe is not running");
@@ -377,7 +375,7 @@ void Supervisor::Start(StartCounter& started) {
 }
 
 void Supervisor::Shutdown() {
-    qotest::OwnedHandle terminate(OpenEventW(EVENT_MODIFY_STATE, FALSE, kTerminateWatchDogEvent));
+    qotest::OwnedHandle terminate(OpenEventW(EVENT_MODIFY_STATE, FALSE, qotest::kTerminateEvent));
     if (!terminate) {
         const DWORD error = GetLastError();
         Fail(Format("OpenEvent(EVENT_ID_BREVANT_TERMINATE_WATCHDOG) error=%lu", error));

@@ -37,6 +37,13 @@
 namespace {
 
 using qotest::ChildProcess;
+using qotest::kReloadEvent;
+using qotest::kSeAgntMaxNumValue;
+using qotest::kStartKeldEvent;
+using qotest::kStartServiceEvent;
+using qotest::kStopServiceEvent;
+using qotest::kTerminateEvent;
+using qotest::kWatchDogMutex;
 using qotest::OwnedHandle;
 
 // The longest any one observation may take; the whole life takes a few seconds.
@@ -45,15 +52,6 @@ const DWORD kWaitMs = 15000;
 const DWORD kQuietMs = 1000;
 // A named object's creation sends no notification: its existence is checked at this pace.
 const DWORD kObjectPollMs = 20;
-
-// The named objects of the deployment contract that the demo sets or looks for.
-const wchar_t kReloadEvent[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
-const wchar_t kStopServiceEvent[] = L"Global\\EVENT_ID_BREVANT_STOP_SERVICE";
-const wchar_t kTerminateEvent[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
-const wchar_t kStartServiceEvent[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
-const wchar_t kStartKeldEvent[] = L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC";
-const wchar_t kWatchDogMutex[] = L"Global\\_QO_WATCH_DOG_NAMED_MUTEX";
-const wchar_t kSeAgntMaxNumValue[] = L"SeAgntMaxNum";
 
 const char kArrow[] = "\xE2\x86\x92";  // U+2192, in UTF-8
 
@@ -446,19 +444,16 @@ private:
     }
 
     bool Stop() {
-        Mark();
-        if (!Expect(SetNamedEvent(kStopServiceEvent), "cannot set EVENT_ID_BREVANT_STOP_SERVICE") ||
-            !SawLog("Product Adapter Stop Event!!") || !SawLog("Start to Wait for All Session Agent.") ||
+        if (!AdapterEndsSupervision(kStopServiceEvent, "EVENT_ID_BREVANT_STOP_SERVICE",
+                                    "Product Adapter Stop Event!!") ||
             !Expect(qotest::IsRunning(agent_.process.get()), "the agent ended without being told")) {
             return false;
         }
         timeline_.Step("Product Adapter set EVENT_ID_BREVANT_STOP_SERVICE " + std::string(kArrow) +
                        " supervision stops; the monitor waits for agent " + Dec(agent_.pid) + " to end");
 
-        Mark();
         const DWORD ended = agent_.pid;
-        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
-            !AgentEnded(0) || !SawLog("Wait for All Session Agent. dwRet=")) {
+        if (!CloseAgents() || !SawLog("Wait for All Session Agent. dwRet=")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
@@ -482,18 +477,15 @@ private:
     }
 
     bool Terminate() {
-        Mark();
-        if (!Expect(SetNamedEvent(kTerminateEvent), "cannot set EVENT_ID_BREVANT_TERMINATE_WATCHDOG") ||
-            !SawLog("Product Adapter Terminate Event!!") || !SawLog("Start to Wait for All Session Agent.")) {
+        if (!AdapterEndsSupervision(kTerminateEvent, "EVENT_ID_BREVANT_TERMINATE_WATCHDOG",
+                                    "Product Adapter Terminate Event!!")) {
             return false;
         }
         timeline_.Step("Product Adapter set EVENT_ID_BREVANT_TERMINATE_WATCHDOG " + std::string(kArrow) +
                        " the monitor waits for agent " + Dec(agent_.pid) + " to end");
 
-        Mark();
         const DWORD ended = agent_.pid;
-        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
-            !AgentEnded(0) || !SupervisorEnded(supervisor_, 0) || !SawLog("Watch Dog finished")) {
+        if (!CloseAgents() || !SupervisorEnded(supervisor_, 0) || !SawLog("Watch Dog finished")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
@@ -543,10 +535,8 @@ private:
         timeline_.Step("host " + Dec(host_.pid) + " ended " + kArrow + " supervisor " + Dec(second_.pid) +
                        " closes supervision; the monitor waits for agent " + Dec(agent_.pid));
 
-        Mark();
         const DWORD ended = agent_.pid;
-        if (!Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") ||
-            !AgentEnded(0) || !SawLog("Wait for All Session Agent. dwRet=")) {
+        if (!CloseAgents() || !SawLog("Wait for All Session Agent. dwRet=")) {
             return false;
         }
         qotest::ResetAllAgentsExit();
@@ -615,6 +605,21 @@ private:
     }
 
     // Log lines awaited from now on must come after the lines the log holds now.
+    // The Product Adapter sets the stop or terminate event; the supervisor logs it and its monitor
+    // starts waiting for the agents to end.
+    bool AdapterEndsSupervision(const wchar_t* event, const std::string& name, const std::string& logged) {
+        Mark();
+        return Expect(SetNamedEvent(event), "cannot set " + name) && SawLog(logged) &&
+               SawLog("Start to Wait for All Session Agent.");
+    }
+
+    // Ends the agents through their broadcast exit event (code 0) and waits for the current one.
+    bool CloseAgents() {
+        Mark();
+        return Expect(qotest::MakeAllAgentsExit(0), "cannot set the agents' broadcast exit event") &&
+               AgentEnded(0);
+    }
+
     void Mark() { logMark_ = qotest::LogFile::Read(timeline_.LogPath()).records().size(); }
 
     // Waits for a line beginning with `prefix` after the mark.

@@ -44,7 +44,7 @@ class WatchDogTest : public ::testing::Test {
 protected:
     void SetUp() override {
         qotest::ResetTestState();
-        ASSERT_TRUE(qotest::DeleteRegValue(qotest::kBrevantInstallKey, L"SeAgntMaxNum"));
+        ASSERT_TRUE(qotest::DeleteRegValue(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue));
         m_strLog = qotest::UseScratchLog(L"core");
         m_dwExplorer = WineExplorerPid();
         ASSERT_NE(0u, m_dwExplorer);
@@ -108,9 +108,8 @@ TEST_F(WatchDogTest, SingletonLifetimeInitAndCloseEvents) {
     EXPECT_EQ(qotest::AgentDir(), pFirst->GetWorkingPath());
 
     // Each close event is set alone and stays set.
-    qotest::OwnedHandle close(OpenEventW(SYNCHRONIZE, FALSE, L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE"));
-    qotest::OwnedHandle noStop(
-        OpenEventW(SYNCHRONIZE, FALSE, L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD"));
+    qotest::OwnedHandle close(OpenEventW(SYNCHRONIZE, FALSE, qotest::kWatchDogCloseEvent));
+    qotest::OwnedHandle noStop(OpenEventW(SYNCHRONIZE, FALSE, qotest::kWatchDogCloseNoStopKeldEvent));
     ASSERT_TRUE(close.valid());
     ASSERT_TRUE(noStop.valid());
     EXPECT_TRUE(pFirst->SetCloseEvent(false));
@@ -130,16 +129,15 @@ TEST_F(WatchDogTest, SingletonLifetimeInitAndCloseEvents) {
     EXPECT_EQ(0, CWatchDog::GetRefCount());
     CWatchDog::ReleaseInstance();
     EXPECT_EQ(0, CWatchDog::GetRefCount());
-    EXPECT_EQ(
-        static_cast<DWORD>(ERROR_FILE_NOT_FOUND),
-        OpenEventW(SYNCHRONIZE, FALSE, L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD") == nullptr
-            ? GetLastError()
-            : 0u)
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND),
+              OpenEventW(SYNCHRONIZE, FALSE, qotest::kWatchDogCloseNoStopKeldEvent) == nullptr
+                  ? GetLastError()
+                  : 0u)
         << "the singleton closed its events";
 }
 
 TEST_F(WatchDogTest, SeAgntMaxNumIsLoadedOnceFromADword) {
-    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, L"SeAgntMaxNum", 5));
+    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue, 5));
     std::vector<std::thread> threads;
     std::atomic<int> nWrong(0);
     for (int i = 0; i < 8; ++i) {
@@ -153,13 +151,13 @@ TEST_F(WatchDogTest, SeAgntMaxNumIsLoadedOnceFromADword) {
         t.join();
     }
     EXPECT_EQ(0, nWrong.load());
-    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, L"SeAgntMaxNum", 9));
+    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue, 9));
     EXPECT_EQ(5u, GetSeAgntMaxNum()) << "read once per process";
     EXPECT_EQ(1u, qotest::CountMessage(qotest::LogFile::Read(m_strLog), "Load SeAgntMaxNum=5"));
 }
 
 TEST_F(WatchDogTest, SeAgntMaxNumOfAnotherTypeKeepsTheDefault) {
-    ASSERT_TRUE(qotest::SetRegString(qotest::kBrevantInstallKey, L"SeAgntMaxNum", L"5"));
+    ASSERT_TRUE(qotest::SetRegString(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue, L"5"));
     EXPECT_EQ(SE_AGNT_MAX_NUM_DEFAULT, GetSeAgntMaxNum());
     const qotest::LogFile log = qotest::LogFile::Read(m_strLog);
     EXPECT_TRUE(qotest::HasMessage(log, "Load SeAgntMaxNum=2147483647"));
@@ -337,7 +335,7 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
 }
 
 TEST_F(WatchDogTest, SeAgntMaxNumZeroStartsNothing) {
-    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, L"SeAgntMaxNum", 0));
+    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue, 0));
     CWatchDog* pWatchDog = Start();
     pWatchDog->RegisterSessions({Record(3, m_dwExplorer), Record(5, m_dwExplorer)});
     ASSERT_TRUE(qotest::WaitForMessage(m_strLog, "Load SeAgntMaxNum=0", WAIT_MS));
@@ -353,7 +351,7 @@ TEST_F(WatchDogTest, SeAgntMaxNumZeroStartsNothing) {
 }
 
 TEST_F(WatchDogTest, SeAgntMaxNumOneServesTheNextSessionAfterAGracefulEnd) {
-    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, L"SeAgntMaxNum", 1));
+    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue, 1));
     qotest::AgentStartCounter started;
     CWatchDog* pWatchDog = Start();
     pWatchDog->RegisterSessions({Record(3, m_dwExplorer), Record(5, m_dwExplorer)});

@@ -19,23 +19,13 @@ namespace {
 const DWORD WAIT_MS = 20000;
 const DWORD EXIT_FAILED = 0xFFFFFFFF;
 
-const wchar_t RELOAD[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
-const wchar_t STOP_SERVICE[] = L"Global\\EVENT_ID_BREVANT_STOP_SERVICE";
-const wchar_t TERMINATE[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
-const wchar_t SHUTDOWN_UIFRAMEWORK[] = L"Global\\EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK";
-const wchar_t AGENT_AND_WAITING[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING";
-const wchar_t WATCHDOG_CLOSE[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE";
-const wchar_t START_SERVICE[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
-const wchar_t START_KELD[] = L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC";
-const wchar_t MUTEX[] = L"Global\\_QO_WATCH_DOG_NAMED_MUTEX";
-
 bool EventExists(const wchar_t* pszName) {
     qotest::OwnedHandle event(OpenEventW(SYNCHRONIZE, FALSE, pszName));
     return event.valid();
 }
 
 bool MutexExists() {
-    qotest::OwnedHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, MUTEX));
+    qotest::OwnedHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, qotest::kWatchDogMutex));
     return mutex.valid();
 }
 
@@ -96,7 +86,7 @@ TEST_F(Supervisor, WholeLifeGateCrashGracefulEndLogOnStopReloadTerminate) {
 
     // The start gate: a REG_SZ "1" is not the permission; the DWORD 1 is.
     ASSERT_TRUE(WaitLine("Wait for set start event."));
-    EXPECT_TRUE(EventExists(START_SERVICE)) << "exists while the gate waits";
+    EXPECT_TRUE(EventExists(qotest::kStartServiceEvent)) << "exists while the gate waits";
     ASSERT_TRUE(qotest::SetRegString(qotest::kBrevantInstallKey, qotest::kSetStartEventValue, L"1"));
     ASSERT_TRUE(WaitLine("Regkey is changed. check again."));
     EXPECT_TRUE(qotest::IsRunning(supervisor.handle.get()));
@@ -104,7 +94,7 @@ TEST_F(Supervisor, WholeLifeGateCrashGracefulEndLogOnStopReloadTerminate) {
     ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSetStartEventValue, 1));
     ASSERT_TRUE(m_started.WaitForStarts(1, WAIT_MS));
     ASSERT_TRUE(WaitLine("Enter WaitForMultipleObjects Main Loop"));
-    EXPECT_FALSE(EventExists(START_SERVICE));
+    EXPECT_FALSE(EventExists(qotest::kStartServiceEvent));
     const DWORD dwFirst = OnlyAgent();
     const qotest::AgentReport report = qotest::ReadAgentReport(dwFirst);
     EXPECT_EQ(qotest::AgentDir(), report.Get(qotest::kReportCwd));
@@ -132,7 +122,7 @@ TEST_F(Supervisor, WholeLifeGateCrashGracefulEndLogOnStopReloadTerminate) {
     EXPECT_TRUE(WaitLine("session (1) is on again."));
 
     // Stop: the monitor ends once its agent has ended; the supervisor keeps running.
-    ASSERT_TRUE(SetNamedEvent(STOP_SERVICE));
+    ASSERT_TRUE(SetNamedEvent(qotest::kStopServiceEvent));
     ASSERT_TRUE(WaitLine("KELD Stop"));
     ASSERT_TRUE(qotest::MakeAllAgentsExit(0));
     ASSERT_TRUE(WaitPrefix("Wait for All Session Agent. dwRet="));
@@ -140,11 +130,11 @@ TEST_F(Supervisor, WholeLifeGateCrashGracefulEndLogOnStopReloadTerminate) {
     EXPECT_TRUE(qotest::IsRunning(supervisor.handle.get()));
 
     // A reload after the stop supervises anew.
-    ASSERT_TRUE(SetNamedEvent(RELOAD));
+    ASSERT_TRUE(SetNamedEvent(qotest::kReloadEvent));
     ASSERT_TRUE(m_started.WaitForStarts(1, WAIT_MS));
 
     // Terminate: the agents end, then the supervisor, with 0.
-    ASSERT_TRUE(SetNamedEvent(TERMINATE));
+    ASSERT_TRUE(SetNamedEvent(qotest::kTerminateEvent));
     ASSERT_TRUE(WaitLine("KELD Stop", 2));
     ASSERT_TRUE(qotest::MakeAllAgentsExit(0));
     EXPECT_EQ(0u, ExitOf(supervisor).value_or(0xDEAD));
@@ -202,7 +192,7 @@ TEST_F(Supervisor, HostEndFinalWaitHandOverStartsKeldAndASecondInstanceIsRefused
     qotest::ChildProcess third = qotest::StartWatchDog(secondParent.pid);
     EXPECT_EQ(EXIT_FAILED, ExitOf(third).value_or(0xDEAD));
 
-    ASSERT_TRUE(SetNamedEvent(TERMINATE));
+    ASSERT_TRUE(SetNamedEvent(qotest::kTerminateEvent));
     ASSERT_TRUE(qotest::MakeAllAgentsExit(0));
     EXPECT_EQ(0u, ExitOf(second).value_or(0xDEAD));
 
@@ -227,29 +217,28 @@ TEST_F(Supervisor, FinalWaitEndsOnTerminateAndUpdateWaitsForTheCloseFromOutside)
 
     // "Close agents and wait", then terminate: no Keld start, exit 0.
     qotest::ChildProcess first = StartRunning(parent);
-    ASSERT_TRUE(SetNamedEvent(AGENT_AND_WAITING));
+    ASSERT_TRUE(SetNamedEvent(qotest::kAgentAndWaitingEvent));
     ASSERT_TRUE(WaitLine("Close Session Agent and Waiting Event!!"));
     ASSERT_TRUE(qotest::MakeAllAgentsExit(0));
     ASSERT_TRUE(WaitPrefix("Wait for All Session Agent. dwRet="));
-    EXPECT_TRUE(EventExists(START_KELD));
-    ASSERT_TRUE(SetNamedEvent(TERMINATE));
+    EXPECT_TRUE(EventExists(qotest::kStartKeldEvent));
+    ASSERT_TRUE(SetNamedEvent(qotest::kTerminateEvent));
     EXPECT_EQ(0u, ExitOf(first).value_or(0xDEAD));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), qotest::KeldServiceState());
-    EXPECT_FALSE(EventExists(START_KELD));
+    EXPECT_FALSE(EventExists(qotest::kStartKeldEvent));
     qotest::ResetAllAgentsExit();
 
     // The update request closes without stopping Keld: the monitors keep supervising until the
     // close event comes from elsewhere.
     qotest::ChildProcess second = StartRunning(parent);
-    qotest::OwnedHandle noStop(
-        OpenEventW(SYNCHRONIZE, FALSE, L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD"));
-    ASSERT_TRUE(SetNamedEvent(SHUTDOWN_UIFRAMEWORK));
+    qotest::OwnedHandle noStop(OpenEventW(SYNCHRONIZE, FALSE, qotest::kWatchDogCloseNoStopKeldEvent));
+    ASSERT_TRUE(SetNamedEvent(qotest::kShutdownUiFrameworkEvent));
     ASSERT_TRUE(WaitLine("Start to Wait for All Monitor Thread."));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(noStop.get(), 0));
     ASSERT_TRUE(qotest::MakeAgentExit(OnlyAgent(), 1));
     ASSERT_TRUE(m_started.WaitForStarts(1, WAIT_MS)) << "still restarting crashed agents";
     EXPECT_TRUE(qotest::IsRunning(second.handle.get()));
-    ASSERT_TRUE(SetNamedEvent(WATCHDOG_CLOSE));
+    ASSERT_TRUE(SetNamedEvent(qotest::kWatchDogCloseEvent));
     ASSERT_TRUE(qotest::MakeAllAgentsExit(0));
     EXPECT_EQ(0u, ExitOf(second).value_or(0xDEAD));
 
@@ -266,7 +255,7 @@ TEST_F(Supervisor, TerminatePendingAtStartAndRefusedStartGates) {
 
     // A terminate request pending at start ends the supervisor; the check consumes it.
     {
-        qotest::OwnedHandle terminate(CreateEventW(nullptr, FALSE, TRUE, TERMINATE));
+        qotest::OwnedHandle terminate(CreateEventW(nullptr, FALSE, TRUE, qotest::kTerminateEvent));
         qotest::ChildProcess early = qotest::StartWatchDog(parent.pid);
         EXPECT_EQ(EXIT_FAILED, ExitOf(early).value_or(0xDEAD));
         EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(terminate.get(), 0));
@@ -275,7 +264,7 @@ TEST_F(Supervisor, TerminatePendingAtStartAndRefusedStartGates) {
     // The next start waits at the gate; a terminate request there refuses the start.
     qotest::ChildProcess gated = qotest::StartWatchDog(parent.pid);
     ASSERT_TRUE(WaitLine("Wait for set start event.", 1));
-    ASSERT_TRUE(SetNamedEvent(TERMINATE));
+    ASSERT_TRUE(SetNamedEvent(qotest::kTerminateEvent));
     EXPECT_EQ(EXIT_FAILED, ExitOf(gated).value_or(0xDEAD));
 
     // The host process ends while the gate waits.
@@ -399,7 +388,7 @@ TEST(Entry, NamesHeldByObjectsOfAnotherType) {
 
     // An event holds the single-instance mutex's name.
     {
-        qotest::OwnedHandle squatter(CreateEventW(nullptr, TRUE, FALSE, MUTEX));
+        qotest::OwnedHandle squatter(CreateEventW(nullptr, TRUE, FALSE, qotest::kWatchDogMutex));
         qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
         EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
         EXPECT_EQ("create mutex fail!!",
@@ -408,7 +397,7 @@ TEST(Entry, NamesHeldByObjectsOfAnotherType) {
     // A mutex holds the stop event's name: the supervisor cannot serve stop requests and ends.
     {
         qotest::AgentStartCounter started;
-        qotest::OwnedHandle squatter(CreateMutexW(nullptr, FALSE, STOP_SERVICE));
+        qotest::OwnedHandle squatter(CreateMutexW(nullptr, FALSE, qotest::kStopServiceEvent));
         qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
         EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
         // The session was registered before the events were made: its monitor may log after this.

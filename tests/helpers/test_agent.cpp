@@ -16,17 +16,6 @@ namespace {
 // Read through a volatile pointer so the compiler cannot see the null and must emit the store.
 int* volatile g_nullTarget = nullptr;
 
-std::string ToUtf8(const std::wstring& text) {
-    if (text.empty()) {
-        return std::string();
-    }
-    const int length = static_cast<int>(text.size());
-    std::string out(WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), length, out.data(), static_cast<int>(out.size()), nullptr,
-                        nullptr);
-    return out;
-}
-
 // 32767 characters is the longest path or variable these calls can give; each returns the length.
 constexpr DWORD kMaxText = 32767;
 
@@ -62,7 +51,7 @@ std::wstring ObjectName(HANDLE object) {
 void AppendLine(std::string& report, const char* key, std::wstring value) {
     std::replace(value.begin(), value.end(), L'\r', L' ');
     std::replace(value.begin(), value.end(), L'\n', L' ');
-    report += std::string(key) + '=' + ToUtf8(value) + "\r\n";
+    report += std::string(key) + '=' + qotest::ToUtf8(value) + "\r\n";
 }
 
 std::string BuildReport() {

@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 namespace qotest {
 
 // --- test_agent.exe: the session agent stand-in -------------------------------------------------
@@ -43,6 +45,18 @@ inline constexpr DWORD kAgentBrokenExitCode = 0x0000BAD1;
 // Report file: kAgentReportPrefix + pid (decimal) + kAgentReportSuffix, beside the executable.
 inline constexpr wchar_t kAgentReportPrefix[] = L"agent-";
 inline constexpr wchar_t kAgentReportSuffix[] = L".txt";
+
+// The report's encoding; the harness reads it back with FromUtf8.
+inline std::string ToUtf8(const std::wstring& text) {
+    if (text.empty()) {
+        return std::string();
+    }
+    const int length = static_cast<int>(text.size());
+    std::string out(WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), length, out.data(), static_cast<int>(out.size()), nullptr,
+                        nullptr);
+    return out;
+}
 
 // Report keys (the part before the first '=' of a line).
 inline constexpr char kReportSession[] = "session";  // ProcessIdToSessionId, decimal

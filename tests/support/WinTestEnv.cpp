@@ -63,17 +63,6 @@ ServiceHandle OpenKeld(DWORD access) {
 // ---------------------------------------------------------------------------------------------
 // Text and paths
 
-std::string ToUtf8(const std::wstring& text) {
-    if (text.empty()) {
-        return std::string();
-    }
-    const int length = static_cast<int>(text.size());
-    std::string out(WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), length, out.data(), static_cast<int>(out.size()), nullptr,
-                        nullptr);
-    return out;
-}
-
 std::wstring FromUtf8(const std::string& text) {
     if (text.empty()) {
         return std::wstring();

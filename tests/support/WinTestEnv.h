@@ -18,7 +18,7 @@ namespace qotest {
 // ---------------------------------------------------------------------------------------------
 // Text and paths
 
-std::string ToUtf8(const std::wstring& text);
+// ToUtf8 comes with test_agent_protocol.h.
 std::wstring FromUtf8(const std::string& text);
 
 // "/a/b" (a Unix path, which Wine shows on drive Z:) becomes "Z:\a\b"; any other path is returned
@@ -62,6 +62,22 @@ inline constexpr wchar_t kBrevantInstallKey[] = L"Software\\Corvane\\Brevant\\0\
 inline constexpr wchar_t kKeldKey[] = L"SOFTWARE\\Corvane\\Keld";
 inline constexpr wchar_t kKeldInstallDirValue[] = L"InstallDir";
 inline constexpr wchar_t kSetStartEventValue[] = L"SetStartEvent";
+inline constexpr wchar_t kSeAgntMaxNumValue[] = L"SeAgntMaxNum";
+
+// The named objects of the deployment contract, spelled out here rather than taken from the product,
+// so that a misspelt name in the product fails the tests.
+inline constexpr wchar_t kReloadEvent[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
+inline constexpr wchar_t kStopServiceEvent[] = L"Global\\EVENT_ID_BREVANT_STOP_SERVICE";
+inline constexpr wchar_t kTerminateEvent[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
+inline constexpr wchar_t kShutdownUiFrameworkEvent[] = L"Global\\EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK";
+inline constexpr wchar_t kAgentAndWaitingEvent[] =
+    L"Global\\EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING";
+inline constexpr wchar_t kWatchDogCloseEvent[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE";
+inline constexpr wchar_t kWatchDogCloseNoStopKeldEvent[] =
+    L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD";
+inline constexpr wchar_t kStartServiceEvent[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
+inline constexpr wchar_t kStartKeldEvent[] = L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC";
+inline constexpr wchar_t kWatchDogMutex[] = L"Global\\_QO_WATCH_DOG_NAMED_MUTEX";
 
 // ---------------------------------------------------------------------------------------------
 // Handles
