@@ -400,6 +400,44 @@ TEST_F(WatchDogTest, FailingStartDropsTheRecordAndBatchesGetTheirOwnThreads) {
     CWatchDog::ReleaseInstance();
 }
 
+TEST_F(WatchDogTest, AgentGoneAtItsRestartEndsTheMonitorAfterItsOtherAgents) {
+    // The agent program is moved away (an uninstall, say) while its agents run; one of them crashes.
+    const std::wstring strAgent = qotest::AgentDir() + L"\\QoSessionAgentMoved.exe";
+    const std::wstring strAway = strAgent + L".away";
+    ASSERT_TRUE(qotest::CopyFileTo(qotest::InstalledAgentExe(), strAgent));
+    DeleteFileW(strAway.c_str());
+    qotest::AgentStartCounter started;
+    CWatchDog* pWatchDog = Start(strAgent);
+    pWatchDog->RegisterSessions({Record(1, m_dwExplorer), Record(2, m_dwExplorer)});
+    ASSERT_TRUE(started.WaitForStarts(2, WAIT_MS));
+    const DWORD dwOther = AgentOf(pWatchDog, 2);
+    ASSERT_TRUE(MoveFileW(strAgent.c_str(), strAway.c_str()));
+    ASSERT_TRUE(qotest::MakeAgentExit(AgentOf(pWatchDog, 1), 1));
+
+    ASSERT_TRUE(qotest::WaitForMessage(m_strLog, "Session Agent re-create failed", WAIT_MS));
+    // The thread waits for the batch's other agent before it removes its monitor.
+    const qotest::OwnedHandle other(OpenProcess(SYNCHRONIZE, FALSE, dwOther));
+    ASSERT_TRUE(other.valid());
+    EXPECT_TRUE(qotest::IsRunning(other.get()));
+    EXPECT_EQ(1u, pWatchDog->GetLiveMonitorCount());
+    ASSERT_TRUE(qotest::MakeAgentExit(dwOther, 0));
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(g_vecMonitorThreads.front(), WAIT_MS));
+    EXPECT_EQ(0u, pWatchDog->GetLiveMonitorCount());
+
+    const qotest::LogFile log = qotest::LogFile::Read(m_strLog);
+    EXPECT_TRUE(log.InOrder(
+        {"CreateProcessAsUser GetLastError=2", "session (1) is off.", "Session Agent re-create failed"}));
+    EXPECT_EQ(0u, log.CountPrefix("KELD Stop")) << "no close was asked for";
+    EXPECT_EQ(1, CWatchDog::GetRefCount());
+    CWatchDog::ReleaseInstance();
+
+    // With every monitor thread gone, the final wait has nothing to wait for.
+    WaitForAllMonitorThreads();
+    WaitForAllMonitorThreads();
+    EXPECT_TRUE(qotest::HasMessage(qotest::LogFile::Read(m_strLog), "No Monitor Thread to be Waited."));
+    DeleteFileW(strAway.c_str());
+}
+
 TEST(SessionManager, RangesAndRefusedIds) {
     CSessionManager manager(WATCHDOG_MAX_SESSIONS);
     EXPECT_EQ(49u, manager.GetMonitorCount());

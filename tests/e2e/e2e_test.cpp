@@ -382,32 +382,58 @@ TEST(Entry, RunKeyInstancesAtOneLogOnStormKeepEveryLineWhole) {
 }
 
 TEST(Entry, NamesHeldByObjectsOfAnotherType) {
+    // Each of the supervisor's named objects, its name held by an object of another type (an event
+    // for the mutex, a mutex for each event): the supervisor logs why, in this order, and ends with -1
+    // before its main loop.
+    struct Case {
+        const wchar_t* pszName;
+        std::vector<std::string> lines;
+    };
+    const Case cases[] = {
+        {qotest::kTerminateEvent, {"Failed to create watch dog terminate event"}},
+        {qotest::kWatchDogMutex, {"create mutex fail!!"}},
+        {qotest::kWatchDogCloseEvent,
+         {"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=6",
+          "CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=6", "Wait Start Event failed"}},
+        {qotest::kStartServiceEvent,
+         {"CEvent(EVENT_ID_BREVANT_START_SERVICE) Err=6", "Wait Start Event failed"}},
+        {qotest::kReloadEvent, {"Failed to create watch dog reload event"}},
+        {qotest::kStopServiceEvent, {"CEvent(EVENT_ID_BREVANT_STOP_SERVICE) Failed"}},
+        {qotest::kAgentAndWaitingEvent, {"Failed to create Close Session Agent and Waiting event"}},
+        {qotest::kShutdownUiFrameworkEvent, {"Failed to create shutdown uiFramework event"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(qotest::ToUtf8(c.pszName));
+        qotest::ResetTestState();
+        qotest::ChildProcess parent = qotest::StartTestParent();
+        ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSetStartEventValue, 1));
+        const bool bMutex = std::wstring(c.pszName) == qotest::kWatchDogMutex;
+        qotest::OwnedHandle squatter(bMutex ? CreateEventW(nullptr, TRUE, FALSE, c.pszName)
+                                            : CreateMutexW(nullptr, FALSE, c.pszName));
+        ASSERT_TRUE(squatter.valid());
+        qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
+        EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
+        // Sessions registered before the failure have monitors that may still log: look, not count.
+        const qotest::LogFile log = qotest::LogFile::Read(qotest::WatchDogLogPath());
+        EXPECT_TRUE(log.InOrder(c.lines));
+        for (const std::string& line : c.lines) {
+            const qotest::LogRecord* pLine = log.First(qotest::MessageIs(line));
+            ASSERT_NE(nullptr, pLine) << line;
+            EXPECT_EQ("ERROR", pLine->level) << line;
+        }
+        EXPECT_EQ(0u, log.CountPrefix("Enter WaitForMultipleObjects Main Loop"));
+    }
+
+    // The close event without Keld's stop is only used at an update: the supervisor logs and serves.
     qotest::ResetTestState();
     qotest::ChildProcess parent = qotest::StartTestParent();
     ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSetStartEventValue, 1));
-
-    // An event holds the single-instance mutex's name.
-    {
-        qotest::OwnedHandle squatter(CreateEventW(nullptr, TRUE, FALSE, qotest::kWatchDogMutex));
-        qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
-        EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
-        EXPECT_EQ("create mutex fail!!",
-                  qotest::LogFile::Read(qotest::WatchDogLogPath()).records().back().message);
-    }
-    // A mutex holds the stop event's name: the supervisor cannot serve stop requests and ends.
-    {
-        qotest::AgentStartCounter started;
-        qotest::OwnedHandle squatter(CreateMutexW(nullptr, FALSE, qotest::kStopServiceEvent));
-        qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
-        EXPECT_EQ(EXIT_FAILED, qotest::WaitForExitCode(supervisor.handle.get(), WAIT_MS).value_or(0xDEAD));
-        // The session was registered before the events were made: its monitor may log after this.
-        const qotest::LogFile log = qotest::LogFile::Read(qotest::WatchDogLogPath());
-        const qotest::LogRecord* pFailed =
-            log.First(qotest::MessageIs("CEvent(EVENT_ID_BREVANT_STOP_SERVICE) Failed"));
-        ASSERT_NE(nullptr, pFailed);
-        EXPECT_EQ("ERROR", pFailed->level);
-        EXPECT_EQ(0u, log.CountPrefix("Enter WaitForMultipleObjects Main Loop"));
-    }
+    qotest::OwnedHandle squatter(CreateMutexW(nullptr, FALSE, qotest::kWatchDogCloseNoStopKeldEvent));
+    qotest::ChildProcess supervisor = qotest::StartWatchDog(parent.pid);
+    ASSERT_TRUE(
+        qotest::WaitForMessage(qotest::WatchDogLogPath(), "Enter WaitForMultipleObjects Main Loop", WAIT_MS));
+    EXPECT_TRUE(qotest::HasMessage(qotest::LogFile::Read(qotest::WatchDogLogPath()),
+                                   "CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=6"));
     qotest::TerminateTestProcesses();
 }
 
