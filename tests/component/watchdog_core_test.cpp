@@ -174,6 +174,20 @@ TEST_F(WatchDogTest, SeAgntMaxNumWithoutTheInstallKey) {
     EXPECT_TRUE(qotest::HasMessage(log, "Load SeAgntMaxNum=2147483647"));
 }
 
+TEST_F(WatchDogTest, StartGateWithoutATerminateEventWatchesTheHostAndTheKey) {
+    // No terminate event has been made in this process's namespace: the gate does without it.
+    qotest::ChildProcess parent = qotest::StartTestParent();
+    ASSERT_TRUE(qotest::SetRegDword(qotest::kBrevantInstallKey, qotest::kSetStartEventValue, 1));
+    EXPECT_TRUE(WaitForSetStartEvent(parent.handle.get()));
+
+    ASSERT_TRUE(qotest::DeleteRegValue(qotest::kBrevantInstallKey, qotest::kSetStartEventValue));
+    ASSERT_TRUE(qotest::MakeTestParentExit(parent.pid));
+    EXPECT_FALSE(WaitForSetStartEvent(parent.handle.get()));
+    EXPECT_TRUE(qotest::LogFile::Read(m_strLog).InOrder(
+        {"no terminated event exists.", "Wait for set start event.", "no terminated event exists.",
+         "Wait for set start event.", "Service process is shutdown."}));
+}
+
 TEST(PathEntry, OnlyWholeEntriesAreFound) {
     size_t nPos = 0;
     size_t nLen = 0;
