@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "foundation/ScopedHandle.h"
+
 namespace {
 
 // Constructed in this order and destroyed in the reverse one: the lock goes before the logger.
@@ -42,38 +44,29 @@ std::string ToFileText(const wchar_t* pszText) {
 const wchar_t LOG_WRITER_MUTEX[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
 const wchar_t LOG_WRITER_SDDL[] = L"D:(A;;GA;;;WD)(A;;GA;;;SY)";
 
-class CLogWriterMutex {
-public:
-    CLogWriterMutex() : m_hMutex(nullptr) {
-        PSECURITY_DESCRIPTOR pDescriptor = nullptr;
-        ConvertStringSecurityDescriptorToSecurityDescriptorW(LOG_WRITER_SDDL, SDDL_REVISION_1, &pDescriptor,
-                                                             nullptr);
-        SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), pDescriptor, FALSE};
-        m_hMutex = CreateMutexW(&sa, FALSE, LOG_WRITER_MUTEX);
-        if (m_hMutex == nullptr) {
-            m_hMutex = OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, LOG_WRITER_MUTEX);
-        }
-        if (pDescriptor != nullptr) {
-            LocalFree(pDescriptor);
-        }
+HANDLE CreateLogWriterMutex() {
+    PSECURITY_DESCRIPTOR pDescriptor = nullptr;
+    ConvertStringSecurityDescriptorToSecurityDescriptorW(LOG_WRITER_SDDL, SDDL_REVISION_1, &pDescriptor,
+                                                         nullptr);
+    SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), pDescriptor, FALSE};
+    HANDLE hMutex = CreateMutexW(&sa, FALSE, LOG_WRITER_MUTEX);
+    if (hMutex == nullptr) {
+        hMutex = OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, LOG_WRITER_MUTEX);
     }
-    ~CLogWriterMutex() {
-        if (m_hMutex != nullptr) {
-            CloseHandle(m_hMutex);
-        }
+    if (pDescriptor != nullptr) {
+        LocalFree(pDescriptor);
     }
-    CLogWriterMutex(const CLogWriterMutex&) = delete;
-    CLogWriterMutex& operator=(const CLogWriterMutex&) = delete;
+    return hMutex;
+}
 
-    HANDLE Get() const { return m_hMutex; }
-
-private:
-    HANDLE m_hMutex;
-};
+HANDLE LogWriterMutex() {
+    static const CScopedHandle s_mutex(CreateLogWriterMutex());
+    return s_mutex.Get();
+}
 
 // Holds the writers' mutex for one line; an owner that died mid-line leaves it abandoned, which
 // still hands it over.
-class CLogWriterTurn {
+class CLogWriterTurn : private boost::noncopyable {
 public:
     explicit CLogWriterTurn(HANDLE hMutex) : m_hMutex(nullptr) {
         if (hMutex != nullptr) {
@@ -88,17 +81,10 @@ public:
             ReleaseMutex(m_hMutex);
         }
     }
-    CLogWriterTurn(const CLogWriterTurn&) = delete;
-    CLogWriterTurn& operator=(const CLogWriterTurn&) = delete;
 
 private:
     HANDLE m_hMutex;
 };
-
-HANDLE LogWriterMutex() {
-    static const CLogWriterMutex s_mutex;
-    return s_mutex.Get();
-}
 
 // Opened for appending, sharing reading and writing: log viewers and the other watchdog processes
 // may hold the file open meanwhile.
@@ -148,27 +134,26 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
     // The file is opened and closed for every line, so nothing is held between lines and a
     // process killed right after a statement has lost nothing of it.
     const CLogWriterTurn turn(LogWriterMutex());
-    HANDLE hFile = OpenForAppend(pSettings->strFile);
-    if (hFile == INVALID_HANDLE_VALUE) {
+    CScopedHandle file(OpenForAppend(pSettings->strFile));
+    if (!file.IsValid()) {
         return;  // lost; the next line tries again
     }
     LARGE_INTEGER size = {};
-    if (GetFileSizeEx(hFile, &size) && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
-        CloseHandle(hFile);
+    if (GetFileSizeEx(file.Get(), &size) && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
+        file.Close();
         if (!DeleteFileW(pSettings->strFile.c_str())) {
             // The file could not be deleted (another program holds it): move it aside.
             const std::wstring strAside = pSettings->strFile + std::to_wstring(_time64(nullptr));
             MoveFileW(pSettings->strFile.c_str(), strAside.c_str());
         }
-        hFile = OpenForAppend(pSettings->strFile);
-        if (hFile == INVALID_HANDLE_VALUE) {
+        file.Reset(OpenForAppend(pSettings->strFile));
+        if (!file.IsValid()) {
             return;
         }
     }
     const std::string strText = ToFileText(pszText);
     DWORD cbWritten = 0;
-    WriteFile(hFile, strText.data(), static_cast<DWORD>(strText.size()), &cbWritten, nullptr);
-    CloseHandle(hFile);
+    WriteFile(file.Get(), strText.data(), static_cast<DWORD>(strText.size()), &cbWritten, nullptr);
 }
 
 CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_guard(&GetLogLock()) {
