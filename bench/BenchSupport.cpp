@@ -42,18 +42,6 @@ std::string VFormat(const char* format, va_list args) {
     return text;
 }
 
-// Waits (bounded) until no agent of any name runs; true when none is left.
-bool WaitNoAgentLeft(DWORD timeoutMs) {
-    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-    while (!qotest::FindProcesses(kAnyAgentPattern).empty()) {
-        if (GetTickCount64() >= deadline) {
-            return false;
-        }
-        Sleep(20);
-    }
-    return true;
-}
-
 // Starts the agent that exits at once and waits for its end; the time of both, in milliseconds.
 double BareCreateAndWait(const std::wstring& exe, const std::wstring& directory) {
     std::wstring commandLine = L"\"" + exe + L"\"";
@@ -137,6 +125,14 @@ void Fail(const std::string& what) {
     std::exit(1);
 }
 
+void FailOnErrorLine(const qotest::LogFile& log, const std::string& writer) {
+    const qotest::LogRecord* error =
+        log.First([](const qotest::LogRecord& record) { return record.IsError(); });
+    if (error != nullptr) {
+        Fail(writer + " logged an error: " + error->message);
+    }
+}
+
 std::string Ratio(double a, double b) {
     if (b <= 0) {
         return "n/a";
@@ -193,15 +189,21 @@ bool InstallExitingAgent() {
     return !source.empty() && qotest::CopyFileTo(source, ExitingAgentExe());
 }
 
-DWORD ExplorerPid() {
-    const std::vector<DWORD> pids = qotest::FindProcesses(L"explorer.exe");
-    return pids.empty() ? 0 : pids.front();
+bool WaitNoAgentLeft(DWORD timeoutMs) {
+    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+    while (!qotest::FindProcesses(kAnyAgentPattern).empty()) {
+        if (GetTickCount64() >= deadline) {
+            return false;
+        }
+        Sleep(20);
+    }
+    return true;
 }
 
 DWORD ResetMachine() {
     qotest::ResetTestState();
     qotest::DeleteRegValue(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue);
-    const DWORD explorer = ExplorerPid();
+    const DWORD explorer = qotest::WineExplorerPid();
     if (explorer == 0) {
         Fail("Wine's explorer.exe is not running");
     }
@@ -211,28 +213,10 @@ DWORD ResetMachine() {
 // ---------------------------------------------------------------------------------------------
 // Counting agent starts
 
-StartCounter::StartCounter()
-    : semaphore_(CreateSemaphoreW(nullptr, 0, 0x7FFFFFFF, qotest::kAgentStartedSemaphore)) {
-    if (!semaphore_) {
+StartCounter::StartCounter() {
+    if (!valid()) {
         Fail(Format("cannot create the start semaphore, error=%lu", GetLastError()));
     }
-    // A semaphore still held elsewhere may hold counts: begin from zero.
-    while (WaitForSingleObject(semaphore_.get(), 0) == WAIT_OBJECT_0) {
-    }
-}
-
-int StartCounter::Take(int count, DWORD timeoutMs) {
-    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-    int taken = 0;
-    while (taken < count) {
-        const ULONGLONG now = GetTickCount64();
-        const DWORD remaining = now < deadline ? static_cast<DWORD>(deadline - now) : 0;
-        if (WaitForSingleObject(semaphore_.get(), remaining) != WAIT_OBJECT_0) {
-            break;
-        }
-        ++taken;
-    }
-    return taken;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -411,11 +395,7 @@ void Supervisor::Shutdown() {
     if (!log.malformed().empty()) {
         Fail("malformed log lines:\n" + log.DescribeMalformed());
     }
-    const std::vector<qotest::LogRecord> errors =
-        log.Where([](const qotest::LogRecord& record) { return record.IsError(); });
-    if (!errors.empty()) {
-        Fail("the supervisor logged an error: " + errors.front().message);
-    }
+    FailOnErrorLine(log, "the supervisor");
 }
 
 }  // namespace qobench

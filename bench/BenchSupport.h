@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "LogReader.h"
 #include "WinTestEnv.h"
 
 namespace qobench {
@@ -39,6 +40,9 @@ void Say(const char* format, ...);
 // the program ends with exit code 1.
 [[noreturn]] void Fail(const std::string& what);
 
+// Fails the program with "<writer> logged an error: <message>" at the log's first ERROR line.
+void FailOnErrorLine(const qotest::LogFile& log, const std::string& writer);
+
 // "a / b" as a ratio, or "n/a" when b is not positive.
 std::string Ratio(double a, double b);
 
@@ -64,8 +68,8 @@ std::wstring ExitingAgentExe();
 // Copies the agent stand-in (QO_TEST_AGENT_EXE) to ExitingAgentExe(); false on failure.
 bool InstallExitingAgent();
 
-// Pid of Wine's explorer.exe (kept alive by the prefix's desktop keeper), 0 when none runs.
-DWORD ExplorerPid();
+// Waits (bounded) until no agent of any name runs; true when none is left.
+bool WaitNoAgentLeft(DWORD timeoutMs);
 
 // Brings the prefix back to the installed-client state (qotest::ResetTestState) and removes
 // SeAgntMaxNum, so every benchmark starts from the same machine. Returns the pid of Wine's
@@ -75,18 +79,13 @@ DWORD ResetMachine();
 // ---------------------------------------------------------------------------------------------
 // Counting agent starts
 
-// Owns Global\QoTestAgentStarted, from zero; fails the program when it cannot be created. Unlike
-// qotest::AgentStartCounter it says how many starts it took when a wait times out.
-class StartCounter {
+// The tests' start counter (Global\QoTestAgentStarted, from zero); fails the program when it cannot
+// be created.
+class StartCounter : public qotest::AgentStartCounter {
 public:
     StartCounter();
-    // Takes up to `count` starts within timeoutMs; returns how many it took.
-    int Take(int count, DWORD timeoutMs);
     // Takes one start; true when it came within timeoutMs.
     bool TakeOne(DWORD timeoutMs) { return Take(1, timeoutMs) == 1; }
-
-private:
-    qotest::OwnedHandle semaphore_;
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "ComponentSupport.h"
 #include "LogReader.h"
 #include "WinTestEnv.h"
 #include "foundation/SessionRecord.h"
@@ -116,15 +117,8 @@ double NumberOf(const Values& values, const char* key) {
 // ---------------------------------------------------------------------------------------------
 // One pass, in a process of its own
 
-SessionRecord Record(DWORD sessionId, DWORD explorerPid) {
-    SessionRecord record = {};
-    record.dwSessionId = sessionId;
-    record.dwExplorerPid = explorerPid;
-    return record;
-}
-
 int RunOnePass(DWORD sessions, const std::wstring& resultPath, double timeoutSeconds) {
-    const DWORD explorer = qobench::ExplorerPid();
+    const DWORD explorer = qotest::WineExplorerPid();
     if (explorer == 0) {
         Fail("Wine's explorer.exe is not running");
     }
@@ -144,7 +138,7 @@ int RunOnePass(DWORD sessions, const std::wstring& resultPath, double timeoutSec
     std::vector<SessionRecord> records;
     records.reserve(sessions);
     for (DWORD id = 0; id < sessions; ++id) {
-        records.push_back(Record(id, explorer));
+        records.push_back(qotest::SessionRecordFor(id, explorer));
     }
 
     qobench::StartCounter started;
@@ -178,21 +172,13 @@ int RunOnePass(DWORD sessions, const std::wstring& resultPath, double timeoutSec
     const size_t monitors = watchDog->GetLiveMonitorCount();
 
     // Close as the main loop does: every monitor ends once its (already ended) agents are seen.
-    watchDog->SetCloseEvent(true);
-    const std::vector<HANDLE> threads = g_vecMonitorThreads;
-    for (HANDLE thread : threads) {
-        if (WaitForSingleObject(thread, MONITOR_END_TIMEOUT_MS) != WAIT_OBJECT_0) {
-            Fail("a monitor thread did not end after the close event");
-        }
+    if (!qotest::CloseAndWaitForMonitors(watchDog, false, MONITOR_END_TIMEOUT_MS)) {
+        Fail("a monitor thread did not end after the close event");
     }
     CWatchDog::ReleaseInstance();
     WaitForAllMonitorThreads();
-    const ULONGLONG agentsGone = GetTickCount64() + AGENTS_GONE_TIMEOUT_MS;
-    while (!qotest::FindProcesses(L"QoSessionAgent*.exe").empty()) {
-        if (GetTickCount64() >= agentsGone) {
-            Fail("agents are still running after the pass");
-        }
-        Sleep(50);
+    if (!qobench::WaitNoAgentLeft(AGENTS_GONE_TIMEOUT_MS)) {
+        Fail("agents are still running after the pass");
     }
     GetLogger().set_file(nullptr);
 

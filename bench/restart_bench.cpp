@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "ComponentSupport.h"
 #include "LogReader.h"
 #include "WinTestEnv.h"
 #include "foundation/SessionRecord.h"
@@ -31,15 +32,6 @@ using qobench::Say;
 const DWORD SESSION_ID = 0;
 const DWORD START_TIMEOUT_MS = 15000;
 const DWORD MONITOR_END_TIMEOUT_MS = 30000;
-
-// The pid of the agent the session's record holds, 0 when none.
-DWORD AgentOf(CWatchDog* watchDog, DWORD sessionId) {
-    SessionRecord record = {};
-    if (!watchDog->GetSessionSnapshot(sessionId, record) || record.hAgentProcess == nullptr) {
-        return 0;
-    }
-    return GetProcessId(record.hAgentProcess);
-}
 
 int Run(int rounds, int warmup) {
     const DWORD explorer = qobench::ResetMachine();
@@ -59,30 +51,23 @@ int Run(int rounds, int warmup) {
         !watchDog->Init(qotest::InstalledAgentExe().c_str(), qotest::AgentDir().c_str())) {
         Fail("CWatchDog::Init failed");
     }
-    SessionRecord record = {};
-    record.dwSessionId = SESSION_ID;
-    record.dwExplorerPid = explorer;
-    watchDog->RegisterSessions({record});
+    watchDog->RegisterSessions({qotest::SessionRecordFor(SESSION_ID, explorer)});
     if (!started.TakeOne(START_TIMEOUT_MS)) {
         Fail("the first agent did not start");
     }
-    const DWORD first = AgentOf(watchDog, SESSION_ID);
+    const DWORD first = qotest::AgentPidOf(watchDog, SESSION_ID);
     if (first == 0) {
         Fail("the session holds no agent");
     }
 
     // The replacement is started while the monitor holds its lock, so once it has counted its
     // start the snapshot already holds it.
-    const qobench::RestartRun run = qobench::MeasureRestarts(
-        rounds, warmup, first, started, [watchDog](DWORD) { return AgentOf(watchDog, SESSION_ID); });
+    const qobench::RestartRun run =
+        qobench::MeasureRestarts(rounds, warmup, first, started,
+                                 [watchDog](DWORD) { return qotest::AgentPidOf(watchDog, SESSION_ID); });
 
-    watchDog->SetCloseEvent(true);
-    qotest::MakeAllAgentsExit(0);
-    const std::vector<HANDLE> threads = g_vecMonitorThreads;
-    for (HANDLE thread : threads) {
-        if (WaitForSingleObject(thread, MONITOR_END_TIMEOUT_MS) != WAIT_OBJECT_0) {
-            Fail("the monitor thread did not end after the close event");
-        }
+    if (!qotest::CloseAndWaitForMonitors(watchDog, true, MONITOR_END_TIMEOUT_MS)) {
+        Fail("the monitor thread did not end after the close event");
     }
     CWatchDog::ReleaseInstance();
     WaitForAllMonitorThreads();
@@ -95,11 +80,7 @@ int Run(int rounds, int warmup) {
         Fail(Format("the log shows %lu crashes for %d rounds", static_cast<unsigned long>(crashes),
                     rounds + warmup));
     }
-    const std::vector<qotest::LogRecord> errors =
-        log.Where([](const qotest::LogRecord& line) { return line.IsError(); });
-    if (!errors.empty()) {
-        Fail("the watchdog logged an error: " + errors.front().message);
-    }
+    qobench::FailOnErrorLine(log, "the watchdog");
 
     Say("Agent restart latency, watchdog core (one session, agent ends with exit code 1)");
     qobench::ReportRestarts(run);

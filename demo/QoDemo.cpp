@@ -37,6 +37,7 @@
 namespace {
 
 using qotest::ChildProcess;
+using qotest::EventExists;
 using qotest::kReloadEvent;
 using qotest::kSeAgntMaxNumValue;
 using qotest::kStartKeldEvent;
@@ -44,7 +45,9 @@ using qotest::kStartServiceEvent;
 using qotest::kStopServiceEvent;
 using qotest::kTerminateEvent;
 using qotest::kWatchDogMutex;
+using qotest::MutexExists;
 using qotest::OwnedHandle;
+using qotest::SetNamedEvent;
 
 // The longest any one observation may take; the whole life takes a few seconds.
 const DWORD kWaitMs = 15000;
@@ -75,22 +78,6 @@ std::string ExitCodeText(DWORD code) {
 void Write(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
-}
-
-bool EventExists(const wchar_t* name) {
-    OwnedHandle event(OpenEventW(SYNCHRONIZE, FALSE, name));
-    return event.valid();
-}
-
-bool MutexExists(const wchar_t* name) {
-    OwnedHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, name));
-    return mutex.valid();
-}
-
-// Sets a named event as another client component would; false when it does not exist.
-bool SetNamedEvent(const wchar_t* name) {
-    OwnedHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, name));
-    return event.valid() && SetEvent(event.get()) != FALSE;
 }
 
 // True once `condition` holds, checked every kObjectPollMs for at most timeoutMs.
@@ -303,11 +290,11 @@ private:
         // Wine's explorer.exe serves the desktop while a process uses it: the demo uses it too, so the
         // shell the supervisor finds stays there for the whole life (it is started when it is missing).
         if (!Expect(GetDesktopWindow() != nullptr, "no desktop: Wine's explorer.exe did not start") ||
-            !Expect(BecomesTrue([] { return !qotest::FindProcesses(L"explorer.exe").empty(); }, kWaitMs),
+            !Expect(BecomesTrue([] { return qotest::WineExplorerPid() != 0; }, kWaitMs),
                     "Wine's explorer.exe is not listed among the processes")) {
             return false;
         }
-        wineShell_ = qotest::FindProcesses(L"explorer.exe").front();
+        wineShell_ = qotest::WineExplorerPid();
         if (!Expect(ProcessIdToSessionId(wineShell_, &session_) != FALSE, "no session of explorer.exe")) {
             return false;
         }

@@ -5,6 +5,8 @@
 
 #include "WinTestEnv.h"
 #include "foundation/logging.h"
+#include "session/SessionAgentMonitor.h"
+#include "watchdog/WatchDog.h"
 
 namespace qotest {
 
@@ -56,22 +58,6 @@ size_t FileSize(const std::wstring& path) {
     return static_cast<size_t>((static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow);
 }
 
-std::vector<std::wstring> ListFiles(const std::wstring& directory, const std::wstring& pattern) {
-    std::vector<std::wstring> names;
-    WIN32_FIND_DATAW data = {};
-    HANDLE hFind = FindFirstFileW(JoinPath(directory, pattern).c_str(), &data);
-    if (hFind == INVALID_HANDLE_VALUE) {
-        return names;
-    }
-    do {
-        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-            names.push_back(data.cFileName);
-        }
-    } while (FindNextFileW(hFind, &data));
-    FindClose(hFind);
-    return names;
-}
-
 size_t CountSubstr(const std::string& text, const std::string& part) {
     size_t count = 0;
     for (size_t pos = text.find(part); pos != std::string::npos; pos = text.find(part, pos + part.size())) {
@@ -115,6 +101,34 @@ DWORD ProcessHandleCount() {
     DWORD count = 0;
     GetProcessHandleCount(GetCurrentProcess(), &count);
     return count;
+}
+
+SessionRecord SessionRecordFor(DWORD dwSessionId, DWORD dwExplorerPid) {
+    SessionRecord rec = {};
+    rec.dwSessionId = dwSessionId;
+    rec.dwExplorerPid = dwExplorerPid;
+    return rec;
+}
+
+DWORD AgentPidOf(CWatchDog* pWatchDog, DWORD dwSessionId) {
+    SessionRecord rec = {};
+    if (!pWatchDog->GetSessionSnapshot(dwSessionId, rec) || rec.hAgentProcess == nullptr) {
+        return 0;
+    }
+    return GetProcessId(rec.hAgentProcess);
+}
+
+bool CloseAndWaitForMonitors(CWatchDog* pWatchDog, bool endAgents, DWORD timeoutMs) {
+    pWatchDog->SetCloseEvent(true);
+    if (endAgents) {
+        MakeAllAgentsExit(0);
+    }
+    const std::vector<HANDLE> threads = g_vecMonitorThreads;
+    bool bEnded = true;
+    for (HANDLE hThread : threads) {
+        bEnded = WaitForSingleObject(hThread, timeoutMs) == WAIT_OBJECT_0 && bEnded;
+    }
+    return bEnded;
 }
 
 }  // namespace qotest

@@ -8,6 +8,9 @@
 #include <vector>
 
 #include "LogReader.h"
+#include "foundation/SessionRecord.h"
+
+class CWatchDog;
 
 namespace qotest {
 
@@ -27,8 +30,6 @@ std::string ReadFileBytes(const std::wstring& path);
 void WriteFileBytes(const std::wstring& path, const std::string& bytes);
 void TruncateFile(const std::wstring& path);
 size_t FileSize(const std::wstring& path);
-// Names (not paths) of the files in `directory` that match `pattern` (FindFirstFileW syntax).
-std::vector<std::wstring> ListFiles(const std::wstring& directory, const std::wstring& pattern);
 size_t CountSubstr(const std::string& text, const std::string& part);
 std::wstring ToLower(std::wstring text);
 
@@ -43,6 +44,16 @@ bool RegSetRaw(HKEY root, const std::wstring& key, const std::wstring& value, DW
                DWORD cbData);
 
 DWORD ProcessHandleCount();
+
+// A session record as the watchdog registers it: the session's id and its shell's pid.
+SessionRecord SessionRecordFor(DWORD dwSessionId, DWORD dwExplorerPid);
+// The pid of the agent the watchdog holds for a session, 0 when none.
+DWORD AgentPidOf(CWatchDog* pWatchDog, DWORD dwSessionId);
+
+// Closes the watchdog as its main loop does (the close event that stops Keld), first telling every
+// agent to end with 0 when endAgents, and waits at most timeoutMs for each monitor thread; true when
+// all of them ended.
+bool CloseAndWaitForMonitors(CWatchDog* pWatchDog, bool endAgents, DWORD timeoutMs);
 
 // Ends a process the harness does not know by name (a stand-in shell, say) when the scope ends, so
 // that a failed assertion cannot leave it holding the test's output open.

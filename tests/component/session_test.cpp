@@ -27,18 +27,9 @@ DWORD OwnSession() {
     return dwSession;
 }
 
-// The pid of Wine's own shell, which the prefix keeps running for the whole test run.
-DWORD WineExplorerPid() {
-    const std::vector<DWORD> pids = qotest::FindProcesses(L"explorer.exe");
-    return pids.empty() ? 0 : pids.front();
-}
+using qotest::WineExplorerPid;
 
-SessionRecord RecordFor(DWORD dwExplorerPid) {
-    SessionRecord rec = {};
-    rec.dwSessionId = OwnSession();
-    rec.dwExplorerPid = dwExplorerPid;
-    return rec;
-}
+SessionRecord RecordFor(DWORD dwExplorerPid) { return qotest::SessionRecordFor(OwnSession(), dwExplorerPid); }
 
 TEST(EnumUserSession, FindsExplorerByFileNameOnly) {
     qotest::ResetTestState();

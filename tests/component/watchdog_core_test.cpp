@@ -27,16 +27,10 @@ namespace {
 
 const DWORD WAIT_MS = 15000;
 
-DWORD WineExplorerPid() {
-    const std::vector<DWORD> pids = qotest::FindProcesses(L"explorer.exe");
-    return pids.empty() ? 0 : pids.front();
-}
+using qotest::WineExplorerPid;
 
 SessionRecord Record(DWORD dwSessionId, DWORD dwExplorerPid) {
-    SessionRecord rec = {};
-    rec.dwSessionId = dwSessionId;
-    rec.dwExplorerPid = dwExplorerPid;
-    return rec;
+    return qotest::SessionRecordFor(dwSessionId, dwExplorerPid);
 }
 
 // A watchdog initialised like the supervisor's, with the installed agent.
@@ -60,26 +54,10 @@ protected:
         return pWatchDog;
     }
 
-    // The pid of the agent a session's record holds, 0 when none.
-    DWORD AgentOf(CWatchDog* pWatchDog, DWORD dwSessionId) {
-        SessionRecord rec = {};
-        if (!pWatchDog->GetSessionSnapshot(dwSessionId, rec) || rec.hAgentProcess == nullptr) {
-            return 0;
-        }
-        return GetProcessId(rec.hAgentProcess);
-    }
-
     // Closes the watchdog as the main loop does, lets every agent end, and waits for every monitor
     // thread; true when all of them ended.
     bool CloseAndWait(CWatchDog* pWatchDog) {
-        pWatchDog->SetCloseEvent(true);
-        qotest::MakeAllAgentsExit(0);
-        std::vector<HANDLE> threads = g_vecMonitorThreads;
-        bool bEnded = true;
-        for (HANDLE hThread : threads) {
-            bEnded = WaitForSingleObject(hThread, WAIT_MS) == WAIT_OBJECT_0 && bEnded;
-        }
-        return bEnded;
+        return qotest::CloseAndWaitForMonitors(pWatchDog, true, WAIT_MS);
     }
 
     std::wstring m_strLog;
@@ -280,7 +258,7 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
     CWatchDog* pWatchDog = Start();
     pWatchDog->RegisterSessions({Record(1, m_dwExplorer)});
     ASSERT_TRUE(started.WaitForStarts(1, WAIT_MS));
-    const DWORD dwFirst = AgentOf(pWatchDog, 1);
+    const DWORD dwFirst = qotest::AgentPidOf(pWatchDog, 1);
     ASSERT_NE(0u, dwFirst);
 
     // Ungraceful ends: the agent is started again at once, every time.
@@ -289,7 +267,7 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
         ASSERT_TRUE(qotest::MakeAgentExit(dwAgent, dwCode));
         // The start happens while the monitor holds its lock, so the record read next is complete.
         ASSERT_TRUE(started.WaitForStarts(1, WAIT_MS));
-        const DWORD dwNext = AgentOf(pWatchDog, 1);
+        const DWORD dwNext = qotest::AgentPidOf(pWatchDog, 1);
         ASSERT_NE(0u, dwNext);
         EXPECT_NE(dwAgent, dwNext);
         dwAgent = dwNext;
@@ -300,7 +278,7 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
     ASSERT_TRUE(started.WaitForStarts(3, WAIT_MS));
     const DWORD graceful[] = {0, 0xC0000142, 0x40010004};
     for (DWORD i = 0; i < 3; ++i) {
-        ASSERT_TRUE(qotest::MakeAgentExit(AgentOf(pWatchDog, 2 + i), graceful[i]));
+        ASSERT_TRUE(qotest::MakeAgentExit(qotest::AgentPidOf(pWatchDog, 2 + i), graceful[i]));
         ASSERT_TRUE(
             qotest::WaitForMessage(m_strLog, "session (" + std::to_string(2 + i) + ") is off.", WAIT_MS));
     }
@@ -314,7 +292,7 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
     ASSERT_TRUE(pWatchDog->GetSessionSnapshot(3, rec));
     EXPECT_TRUE(rec.bOff);
     // When the last agent of the batch has ended gracefully the thread says so and keeps waiting.
-    ASSERT_TRUE(qotest::MakeAgentExit(AgentOf(pWatchDog, 1), 0));
+    ASSERT_TRUE(qotest::MakeAgentExit(qotest::AgentPidOf(pWatchDog, 1), 0));
     ASSERT_TRUE(qotest::WaitForMessage(m_strLog, "No session to monitor.", WAIT_MS));
     ASSERT_TRUE(pWatchDog->GetSessionSnapshot(3, rec));
     EXPECT_TRUE(rec.bOff);
@@ -323,7 +301,7 @@ TEST_F(WatchDogTest, CrashRestartsGracefulEndSwitchesOffNewShellSwitchesOn) {
     qotest::ChildProcess otherShell = qotest::StartTestParent();
     pWatchDog->RegisterSessions({Record(3, otherShell.pid)});
     ASSERT_TRUE(started.WaitForStarts(1, WAIT_MS));
-    EXPECT_NE(0u, AgentOf(pWatchDog, 3));
+    EXPECT_NE(0u, qotest::AgentPidOf(pWatchDog, 3));
 
     const qotest::LogFile log = qotest::LogFile::Read(m_strLog);
     EXPECT_EQ(1u, qotest::CountMessage(log, "session (3) is on again."));
@@ -370,13 +348,13 @@ TEST_F(WatchDogTest, SeAgntMaxNumOneServesTheNextSessionAfterAGracefulEnd) {
     CWatchDog* pWatchDog = Start();
     pWatchDog->RegisterSessions({Record(3, m_dwExplorer), Record(5, m_dwExplorer)});
     ASSERT_TRUE(started.WaitForStarts(1, WAIT_MS));
-    EXPECT_NE(0u, AgentOf(pWatchDog, 3));
-    EXPECT_EQ(0u, AgentOf(pWatchDog, 5));
+    EXPECT_NE(0u, qotest::AgentPidOf(pWatchDog, 3));
+    EXPECT_EQ(0u, qotest::AgentPidOf(pWatchDog, 5));
     EXPECT_EQ(1u, qotest::FindProcesses(L"QoSessionAgent*.exe").size());
 
-    ASSERT_TRUE(qotest::MakeAgentExit(AgentOf(pWatchDog, 3), 0));
+    ASSERT_TRUE(qotest::MakeAgentExit(qotest::AgentPidOf(pWatchDog, 3), 0));
     ASSERT_TRUE(started.WaitForStarts(1, WAIT_MS));
-    EXPECT_NE(0u, AgentOf(pWatchDog, 5));
+    EXPECT_NE(0u, qotest::AgentPidOf(pWatchDog, 5));
     EXPECT_EQ(1u, qotest::FindProcesses(L"QoSessionAgent*.exe").size());
     ASSERT_TRUE(CloseAndWait(pWatchDog));
     CWatchDog::ReleaseInstance();
@@ -424,9 +402,9 @@ TEST_F(WatchDogTest, AgentGoneAtItsRestartEndsTheMonitorAfterItsOtherAgents) {
     CWatchDog* pWatchDog = Start(strAgent);
     pWatchDog->RegisterSessions({Record(1, m_dwExplorer), Record(2, m_dwExplorer)});
     ASSERT_TRUE(started.WaitForStarts(2, WAIT_MS));
-    const DWORD dwOther = AgentOf(pWatchDog, 2);
+    const DWORD dwOther = qotest::AgentPidOf(pWatchDog, 2);
     ASSERT_TRUE(MoveFileW(strAgent.c_str(), strAway.c_str()));
-    ASSERT_TRUE(qotest::MakeAgentExit(AgentOf(pWatchDog, 1), 1));
+    ASSERT_TRUE(qotest::MakeAgentExit(qotest::AgentPidOf(pWatchDog, 1), 1));
 
     ASSERT_TRUE(qotest::WaitForMessage(m_strLog, "Session Agent re-create failed", WAIT_MS));
     // The thread waits for the batch's other agent before it removes its monitor.
@@ -488,7 +466,7 @@ TEST_F(WatchDogTest, StressManySessionsRandomCrashesThenClose) {
     for (int nRound = 0; nRound < 12; ++nRound) {
         std::shuffle(ids.begin(), ids.end(), random);
         for (int i = 0; i < 10; ++i) {
-            const DWORD dwAgent = AgentOf(pWatchDog, ids[i]);
+            const DWORD dwAgent = qotest::AgentPidOf(pWatchDog, ids[i]);
             ASSERT_NE(0u, dwAgent);
             ASSERT_TRUE(qotest::MakeAgentExit(dwAgent, (i % 2 == 0) ? 1u : 0xC0000005u));
         }

@@ -19,27 +19,14 @@ namespace {
 const DWORD WAIT_MS = 20000;
 const DWORD EXIT_FAILED = 0xFFFFFFFF;
 
-bool EventExists(const wchar_t* pszName) {
-    qotest::OwnedHandle event(OpenEventW(SYNCHRONIZE, FALSE, pszName));
-    return event.valid();
-}
-
-bool MutexExists() {
-    qotest::OwnedHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, qotest::kWatchDogMutex));
-    return mutex.valid();
-}
-
-// Sets a named event as another component would; false when it does not exist.
-bool SetNamedEvent(const wchar_t* pszName) {
-    qotest::OwnedHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, pszName));
-    return event.valid() && SetEvent(event.get());
-}
+using qotest::EventExists;
+using qotest::SetNamedEvent;
 
 class Supervisor : public ::testing::Test {
 protected:
     void SetUp() override {
         qotest::ResetTestState();
-        ASSERT_TRUE(qotest::DeleteRegValue(qotest::kBrevantInstallKey, L"SeAgntMaxNum"));
+        ASSERT_TRUE(qotest::DeleteRegValue(qotest::kBrevantInstallKey, qotest::kSeAgntMaxNumValue));
         ASSERT_TRUE(m_started.valid());
     }
     void TearDown() override { qotest::TerminateTestProcesses(); }
@@ -177,7 +164,7 @@ TEST_F(Supervisor, HostEndFinalWaitHandOverStartsKeldAndASecondInstanceIsRefused
     ASSERT_TRUE(qotest::WaitForLogLine(qotest::WatchDogLogPath(),
                                        qotest::MessageStartsWith("Wait for All Session"), WAIT_MS));
     EXPECT_TRUE(qotest::IsRunning(first.handle.get()));
-    EXPECT_TRUE(MutexExists());
+    EXPECT_TRUE(qotest::MutexExists(qotest::kWatchDogMutex));
     qotest::ResetAllAgentsExit();
 
     // A successor asks it to start Keld and waits until it is gone, then takes over.

@@ -42,11 +42,6 @@ DWORD Remaining(ULONGLONG deadline) {
     return now < deadline ? static_cast<DWORD>(deadline - now) : 0;
 }
 
-bool SetNamedEvent(const std::wstring& name) {
-    OwnedHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
-    return event.valid() && SetEvent(event.get()) != FALSE;
-}
-
 struct ServiceCloser {
     void operator()(SC_HANDLE handle) const { CloseServiceHandle(handle); }
 };
@@ -142,6 +137,22 @@ std::wstring MakeScratchDirectory(const std::wstring& name) {
     return dir;
 }
 
+std::vector<std::wstring> ListFiles(const std::wstring& directory, const std::wstring& pattern) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW data = {};
+    HANDLE hFind = FindFirstFileW(JoinPath(directory, pattern).c_str(), &data);
+    if (hFind == INVALID_HANDLE_VALUE) {
+        return names;
+    }
+    do {
+        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+            names.push_back(data.cFileName);
+        }
+    } while (FindNextFileW(hFind, &data));
+    FindClose(hFind);
+    return names;
+}
+
 bool CopyFileTo(const std::wstring& from, const std::wstring& to) {
     return CopyFileW(from.c_str(), to.c_str(), FALSE) != FALSE;
 }
@@ -186,6 +197,22 @@ void OwnedHandle::reset(HANDLE handle) {
         SetLastError(lastError);
     }
     handle_ = handle == INVALID_HANDLE_VALUE ? nullptr : handle;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Named objects
+
+bool EventExists(const std::wstring& name) {
+    return OwnedHandle(OpenEventW(SYNCHRONIZE, FALSE, name.c_str())).valid();
+}
+
+bool MutexExists(const std::wstring& name) {
+    return OwnedHandle(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str())).valid();
+}
+
+bool SetNamedEvent(const std::wstring& name) {
+    OwnedHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
+    return event.valid() && SetEvent(event.get()) != FALSE;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -297,6 +324,11 @@ std::vector<DWORD> FindProcesses(const std::wstring& pattern) {
     return pids;
 }
 
+DWORD WineExplorerPid() {
+    const std::vector<DWORD> pids = FindProcesses(L"explorer.exe");
+    return pids.empty() ? 0 : pids.front();
+}
+
 size_t TerminateTestProcesses(DWORD timeoutMs) {
     std::vector<OwnedHandle> ended;
     for (const wchar_t* pattern : kTestProcessPatterns) {
@@ -337,14 +369,13 @@ AgentStartCounter::AgentStartCounter()
     }
 }
 
-bool AgentStartCounter::WaitForStarts(int count, DWORD timeoutMs) {
+int AgentStartCounter::Take(int count, DWORD timeoutMs) {
     const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-    for (int taken = 0; taken < count; ++taken) {
-        if (WaitForSingleObject(semaphore_.get(), Remaining(deadline)) != WAIT_OBJECT_0) {
-            return false;
-        }
+    int taken = 0;
+    while (taken < count && WaitForSingleObject(semaphore_.get(), Remaining(deadline)) == WAIT_OBJECT_0) {
+        ++taken;
     }
-    return true;
+    return taken;
 }
 
 bool AgentStartCounter::NoStartWithin(DWORD timeoutMs) {
@@ -375,17 +406,10 @@ AgentReport ReadAgentReport(DWORD pid, const std::wstring& directory) {
 }
 
 void RemoveAgentReports(const std::wstring& directory) {
-    WIN32_FIND_DATAW entry;
-    const std::wstring pattern =
-        JoinPath(directory, std::wstring(kAgentReportPrefix) + L"*" + kAgentReportSuffix);
-    HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
-    if (find == INVALID_HANDLE_VALUE) {
-        return;
+    for (const std::wstring& name :
+         ListFiles(directory, std::wstring(kAgentReportPrefix) + L"*" + kAgentReportSuffix)) {
+        DeleteFileW(JoinPath(directory, name).c_str());
     }
-    do {
-        DeleteFileW(JoinPath(directory, entry.cFileName).c_str());
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
 }
 
 bool SetAgentExitCode(DWORD pid, DWORD exitCode) {

@@ -37,6 +37,8 @@ bool DirectoryExists(const std::wstring& path);
 bool RemoveDirectoryTree(const std::wstring& path);
 // A fresh, empty directory %TEMP%\qotest\<name> (emptied when it existed). Empty string on failure.
 std::wstring MakeScratchDirectory(const std::wstring& name);
+// Names (not paths) of the files in `directory` that match `pattern` (FindFirstFileW syntax).
+std::vector<std::wstring> ListFiles(const std::wstring& directory, const std::wstring& pattern);
 // Copies a file, replacing the target.
 bool CopyFileTo(const std::wstring& from, const std::wstring& to);
 // The whole content of a file; nothing when it cannot be opened (GetLastError tells why).
@@ -109,6 +111,14 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------
+// Named objects, looked at and set as the other client components do
+
+bool EventExists(const std::wstring& name);
+bool MutexExists(const std::wstring& name);
+// Sets an existing named event; false when it does not exist.
+bool SetNamedEvent(const std::wstring& name);
+
+// ---------------------------------------------------------------------------------------------
 // Registry (HKEY_LOCAL_MACHINE unless a root is given). Setters create the key. Deleting something
 // that is not there counts as success.
 
@@ -149,6 +159,9 @@ bool MakeTestParentExit(DWORD pid);
 std::optional<DWORD> WaitForExitCode(HANDLE process, DWORD timeoutMs);
 bool IsRunning(HANDLE process);
 
+// Pid of Wine's explorer.exe, which the prefix's desktop keeper holds running; 0 when none runs.
+DWORD WineExplorerPid();
+
 // Pids of the running processes whose executable name matches pattern (case-insensitive; '*' matches
 // any run of characters), for example L"QoSessionAgent*.exe". This process is never listed.
 std::vector<DWORD> FindProcesses(const std::wstring& pattern);
@@ -174,7 +187,9 @@ public:
     AgentStartCounter();
     bool valid() const { return semaphore_.valid(); }
     // Takes `count` agent starts, waiting at most timeoutMs for all of them.
-    bool WaitForStarts(int count, DWORD timeoutMs);
+    bool WaitForStarts(int count, DWORD timeoutMs) { return Take(count, timeoutMs) == count; }
+    // Takes up to `count` starts within timeoutMs; returns how many it took.
+    int Take(int count, DWORD timeoutMs);
     // True when no agent starts within timeoutMs (for "nothing is started" checks).
     bool NoStartWithin(DWORD timeoutMs);
 
