@@ -220,7 +220,8 @@ TEST_F(Supervisor, FinalWaitEndsOnTerminateAndUpdateWaitsForTheCloseFromOutside)
     qotest::ChildProcess second = StartRunning(parent);
     qotest::OwnedHandle noStop(OpenEventW(SYNCHRONIZE, FALSE, qotest::kWatchDogCloseNoStopKeldEvent));
     ASSERT_TRUE(SetNamedEvent(qotest::kShutdownUiFrameworkEvent));
-    ASSERT_TRUE(WaitLine("Start to Wait for All Monitor Thread."));
+    // The first supervisor wrote this line already: wait for the second one's.
+    ASSERT_TRUE(WaitLine("Start to Wait for All Monitor Thread.", 2));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(noStop.get(), 0));
     ASSERT_TRUE(qotest::MakeAgentExit(OnlyAgent(), 1));
     ASSERT_TRUE(m_started.WaitForStarts(1, WAIT_MS)) << "still restarting crashed agents";
