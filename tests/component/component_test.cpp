@@ -1,0 +1,312 @@
+// The watchdog's parts called directly, against Wine's real files, registry, processes and
+// window stations. Wine has one session, so monitors get session records with chosen ids whose
+// shell is a real process; the agents they start are real.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "Harness.h"
+#include "foundation/CRegKey.h"
+#include "foundation/logging.h"
+#include "session/SessionAgentMonitor.h"
+#include "session/utilWinUserSession.h"
+#include "watchdog/QoWatchDog.h"
+#include "watchdog/WatchDog.h"
+
+namespace {
+
+std::wstring UseLog(const std::wstring& name) {
+    const std::wstring path = qt::Scratch(name) + L"\\debug\\QoWatchDog.log";
+    CreateDirectoryW(path.substr(0, path.rfind(L'\\')).c_str(), nullptr);
+    GetLogger().set_file(path.c_str());
+    return path;
+}
+
+void MakeFile(const std::wstring& path, long size) {
+    qt::Handle file =
+        qt::Own(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    SetFilePointer(file.get(), size, nullptr, FILE_BEGIN);
+    SetEndOfFile(file.get());
+}
+
+size_t SizeOf(const std::wstring& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    return GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ? data.nFileSizeLow : 0;
+}
+
+SessionRecord Session(DWORD id, DWORD shellPid) { return SessionRecord{id, shellPid, nullptr, false}; }
+
+DWORD ShellPid() {
+    const std::vector<DWORD> shells = qt::Find(L"explorer.exe");
+    return shells.empty() ? 0 : shells.front();
+}
+
+DWORD AgentOf(CWatchDog* pWatchDog, DWORD session) {
+    SessionRecord rec = {};
+    return pWatchDog->GetSessionSnapshot(session, rec) && rec.hAgentProcess ? GetProcessId(rec.hAgentProcess)
+                                                                            : 0;
+}
+
+TEST(Log, LineFormCutsAndFaults) {
+    const std::wstring path = UseLog(L"log");
+    LOG_INFO(L"Grüße, Δ and 日本 Err=" << 5);
+    LOG_ERROR(L"second");
+    const log_settings settings = {20, path};
+    write_line(&settings, 10, L"below the threshold\n");
+    qt::Log log = qt::ReadLog(path);
+    ASSERT_EQ(2u, log.lines.size()) << "malformed: " << log.malformed.size();
+    EXPECT_EQ(GetCurrentProcessId(), log.lines[0].pid);
+    EXPECT_EQ(".\\component_test", log.lines[0].source);
+    EXPECT_EQ(u8"Grüße, Δ and 日本 Err=5", log.lines[0].message);
+    EXPECT_FALSE(log.lines[0].error);
+    EXPECT_TRUE(log.lines[1].error);
+
+    // A file of exactly the limit is appended to; one byte over it, it is replaced.
+    MakeFile(path, LOG_FILE_SIZE_LIMIT);
+    LOG_INFO(L"appended");
+    EXPECT_GT(SizeOf(path), static_cast<size_t>(LOG_FILE_SIZE_LIMIT));
+    MakeFile(path, LOG_FILE_SIZE_LIMIT + 1);
+    LOG_INFO(L"a new file");
+    EXPECT_EQ(1u, qt::ReadLog(path).lines.size());
+
+    // One that cannot be deleted (read-only) is moved aside to QoWatchDog.log<seconds since 1970>.
+    MakeFile(path, LOG_FILE_SIZE_LIMIT + 1);
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
+    const __time64_t before = _time64(nullptr);
+    LOG_INFO(L"after the move");
+    const std::wstring aside = path + std::to_wstring(before);
+    const std::wstring asideLater = path + std::to_wstring(before + 1);
+    EXPECT_EQ(static_cast<size_t>(LOG_FILE_SIZE_LIMIT + 1), std::max(SizeOf(aside), SizeOf(asideLater)));
+    EXPECT_EQ(1u, qt::ReadLog(path).lines.size());
+
+    // A missing directory loses the line; the next line that can be written is.
+    GetLogger().set_file((path + L"-missing\\QoWatchDog.log").c_str());
+    LOG_INFO(L"lost");
+    GetLogger().set_file(path.c_str());
+    std::thread other([] {
+        for (int i = 0; i < 200; ++i)
+            LOG_INFO(L"other thread " << i);
+    });
+    for (int i = 0; i < 200; ++i)
+        LOG_INFO(L"main thread " << i);
+    other.join();
+    log = qt::ReadLog(path);
+    EXPECT_EQ(401u, log.lines.size());
+    EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
+    EXPECT_EQ(0u, log.Count("lost"));
+}
+
+TEST(Path, OnlyAWholeEntryIsFound) {
+    struct Case {
+        const wchar_t* path;
+        const wchar_t* dir;
+        size_t pos, length;  // length 0: not found
+    } cases[] = {
+        {L"C:\\P;D:\\x", L"C:\\P", 0, 4},         {L"D:\\x;C:\\P", L"C:\\P", 5, 4},
+        {L"D:\\x;C:\\P\\;E:\\y", L"C:\\P", 5, 5}, {L"C:\\P\\bin;C:\\P2;c:\\p", L"C:\\P", 0, 0},
+        {L"C:\\P\\bin;C:\\P", L"C:\\P", 9, 4},    {L"%X%;C:\\P;", L"C:\\P", 4, 4},
+        {L"C:\\;C:\\P", L"C:\\", 0, 3},           {L"C:\\P;C:\\", L"C:\\", 5, 3},
+        {L"XC:\\P;C:\\P\\\\", L"C:\\P", 0, 0},    {L"C:\\P", L"", 0, 0},
+    };
+    for (const Case& c : cases) {
+        size_t pos = 99, length = 0;
+        const bool found = FindPathEntry(c.path, c.dir, pos, length);
+        EXPECT_EQ(c.length != 0, found) << "path " << qt::ToUtf8(c.path);
+        if (found) {
+            EXPECT_EQ(c.pos, pos) << qt::ToUtf8(c.path);
+            EXPECT_EQ(c.length, length) << qt::ToUtf8(c.path);
+        }
+    }
+}
+
+TEST(RegKey, ValuesAsStored) {
+    const wchar_t key[] = L"Software\\QoTest\\Values";
+    struct Case {
+        const char* bytes;
+        DWORD size;
+        const wchar_t* text;
+    } cases[] = {
+        {"a\0b\0", 4, L"ab"},
+        {"a\0b\0\0\0c\0", 8, L"ab"},
+        {"a\0b\0c", 5, L"ab"},
+        {"", 0, L""},
+    };
+    CRegKey reg;
+    ASSERT_EQ(ERROR_SUCCESS, RegSetKeyValueW(HKEY_LOCAL_MACHINE, key, L"v", REG_SZ, "", 0));
+    ASSERT_EQ(ERROR_SUCCESS, reg.Open(HKEY_LOCAL_MACHINE, key, KEY_ALL_ACCESS));
+    for (const Case& c : cases) {
+        RegSetValueExW(reg.GetHandle(), L"v", 0, REG_SZ, reinterpret_cast<const BYTE*>(c.bytes), c.size);
+        std::wstring text = L"unchanged";
+        EXPECT_EQ(ERROR_SUCCESS, reg.QueryValue(L"v", text));
+        EXPECT_EQ(c.text, text) << c.size << " bytes";
+    }
+    std::wstring text = L"unchanged";
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, reg.QueryValue(L"missing", text));
+    EXPECT_EQ(L"unchanged", text);
+    EXPECT_EQ(ERROR_SUCCESS, reg.SetValue(L"v", L"%X%;C:\\P"));
+    DWORD type = 0;
+    RegQueryValueExW(reg.GetHandle(), L"v", nullptr, &type, nullptr, nullptr);
+    EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ), type);
+    EXPECT_EQ(L"%X%;C:\\P", qt::ReadString(key, L"v").value_or(L""));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND,
+              CRegKey().Open(HKEY_LOCAL_MACHINE, L"Software\\QoTest\\Missing", KEY_READ));
+}
+
+// The agent as the shell's user on winsta0\default, with the user's environment edited; the caller
+// is back on its own station and token afterwards, also when the launch fails.
+TEST(Launch, AgentAsTheShellsUserAndFaults) {
+    const std::wstring log = UseLog(L"launch");
+    SetCurrentDirectoryW(qt::PlatformDir().c_str());
+    SetEnvironmentVariableW(L"ProgramW6432", L"C:\\Watchdog's ProgramW6432");
+    SetEnvironmentVariableW(L"CommonProgramFiles(x86)", L"C:\\Watchdog's Common x86");
+    wchar_t station[64] = {};
+    GetUserObjectInformationW(GetProcessWindowStation(), UOI_NAME, station, sizeof(station), nullptr);
+    const auto notImpersonating = [] {
+        HANDLE token = nullptr;
+        return !OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token) &&
+               GetLastError() == ERROR_NO_TOKEN;
+    };
+    qt::Agents started;
+    SessionRecord rec = Session(1, ShellPid());
+    ASSERT_TRUE(CreateSessionAgent(qt::AgentDir() + L"\\QoSessionAgent.exe", qt::AgentDir(), rec));
+    qt::Handle agent = qt::Own(rec.hAgentProcess);
+    ASSERT_TRUE(started.Wait());
+    EXPECT_TRUE(notImpersonating());
+    auto report = qt::Report(GetProcessId(agent.get()));
+    EXPECT_EQ(qt::AgentDir(), report["cwd"]);
+    EXPECT_NE(std::wstring::npos, report["cmdline"].find(qt::AgentDir() + L"\\QoSessionAgent.exe"));
+    EXPECT_EQ(0u, report["Path"].find(qt::PlatformDir() + L";")) << qt::ToUtf8(report["Path"]);
+    EXPECT_EQ(L"C:\\Watchdog's ProgramW6432", report["ProgramW6432"]);
+    EXPECT_EQ(L"C:\\Watchdog's Common x86", report["CommonProgramFiles(x86)"]);
+    EXPECT_EQ(0, _wcsicmp(L"winsta0\\default", report["desktop"].c_str())) << qt::ToUtf8(report["desktop"]);
+
+    SessionRecord missing = Session(7, ShellPid());
+    EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\Missing.exe", qt::AgentDir(), missing));
+    EXPECT_EQ(nullptr, missing.hAgentProcess);
+    EXPECT_TRUE(notImpersonating());
+    wchar_t after[64] = {};
+    GetUserObjectInformationW(GetProcessWindowStation(), UOI_NAME, after, sizeof(after), nullptr);
+    EXPECT_STREQ(station, after);
+    SessionRecord noShell = Session(8, 0);
+    EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\QoSessionAgent.exe", qt::AgentDir(), noShell));
+    EXPECT_EQ("", qt::InOrder(qt::ReadLog(log),
+                              {"Newly created process id=" + std::to_string(GetProcessId(agent.get())),
+                               " Create Session Agent successfully session ID = 1",
+                               "CreateProcessAsUser GetLastError=2",
+                               " Create Session Agent failed session ID = 7", "OpenProcess Err=87"}));
+}
+
+class Monitors : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_log = UseLog(L"monitors");
+        SetCurrentDirectoryW(qt::PlatformDir().c_str());
+        m_pWatchDog = CWatchDog::GetInstance();
+    }
+    void Init(const std::wstring& agent) {
+        ASSERT_TRUE(m_pWatchDog->Init(agent.c_str(), qt::AgentDir().c_str()));
+    }
+
+    std::wstring m_log;
+    CWatchDog* m_pWatchDog = nullptr;
+    qt::Agents m_started;
+};
+
+// Crash, graceful end, the same shell and a new one, batches of 62 ids and the close.
+TEST_F(Monitors, RestartOffOnBatchesAndClose) {
+    Init(qt::AgentDir() + L"\\QoSessionAgent.exe");
+    const DWORD shell = ShellPid();
+    m_pWatchDog->RegisterSessions({Session(61, shell), Session(62, shell), Session(3038, shell)});
+    ASSERT_TRUE(m_started.Wait(2));
+    EXPECT_EQ(2u, m_pWatchDog->GetLiveMonitorCount());
+
+    const DWORD first = AgentOf(m_pWatchDog, 61);
+    ASSERT_TRUE(qt::EndAgent(first, 0xC0000005));
+    ASSERT_TRUE(m_started.Wait());
+    EXPECT_NE(first, AgentOf(m_pWatchDog, 61));
+
+    ASSERT_TRUE(qt::EndAgent(AgentOf(m_pWatchDog, 62), 0x40010004));
+    ASSERT_TRUE(qt::WaitLog("No session to monitor.", 1, m_log));
+    // The same shell leaves 62 off: only 63, registered with it, gets an agent.
+    m_pWatchDog->RegisterSessions({Session(62, shell), Session(63, shell)});
+    ASSERT_TRUE(m_started.Wait());
+    EXPECT_EQ(0u, AgentOf(m_pWatchDog, 62));
+    EXPECT_NE(0u, AgentOf(m_pWatchDog, 63));
+    const qt::Proc newShell = qt::StartHelper(L"explorer.exe", L"idle");
+    m_pWatchDog->RegisterSessions({Session(62, newShell.pid)});
+    ASSERT_TRUE(m_started.Wait());
+    EXPECT_NE(0u, AgentOf(m_pWatchDog, 62));
+
+    m_pWatchDog->SetCloseEvent(true);
+    qt::EndAllAgents(0);
+    WaitForAllMonitorThreads();
+    EXPECT_EQ(0u, m_pWatchDog->GetLiveMonitorCount());
+    EXPECT_EQ(1, CWatchDog::GetRefCount());
+    CWatchDog::ReleaseInstance();
+    EXPECT_EQ(0, CWatchDog::GetRefCount());
+    const qt::Log log = qt::ReadLog(m_log);
+    EXPECT_EQ("", qt::InOrder(log, {"m_shpSessionManager->IsCreated Ret=-1",
+                                    "Session agent exits, graceful=0", "Session agent exits, graceful=1",
+                                    "session (62) is off.", "session (62) is on again.", "KELD Stop",
+                                    "KELD Stop", "Wait for All Monitor Thread. dwRet=0"}));
+    EXPECT_EQ(5u, log.Count(" Create Session Agent successfully"));
+    EXPECT_EQ(0u, log.Errors());
+}
+
+// SeAgntMaxNum bounds the agents of a monitor; an agent program gone at a restart switches the
+// session off and ends the monitor after its other agents.
+TEST_F(Monitors, AgentLimitAndAgentGoneAtRestart) {
+    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 2));
+    const std::wstring agent = qt::Scratch(L"moved") + L"\\QoSessionAgent.exe";
+    ASSERT_TRUE(CopyFileW((qt::AgentDir() + L"\\QoSessionAgent.exe").c_str(), agent.c_str(), FALSE));
+    Init(agent);
+    const DWORD shell = ShellPid();
+    m_pWatchDog->RegisterSessions({Session(3, shell), Session(5, shell), Session(7, shell)});
+    ASSERT_TRUE(m_started.Wait(2));
+    EXPECT_EQ(0u, AgentOf(m_pWatchDog, 7));
+    ASSERT_TRUE(qt::EndAgent(AgentOf(m_pWatchDog, 3), 0));
+    ASSERT_TRUE(m_started.Wait());
+    const DWORD seven = AgentOf(m_pWatchDog, 7);
+    ASSERT_NE(0u, seven);
+
+    ASSERT_TRUE(MoveFileW(agent.c_str(), (agent + L".away").c_str()));
+    ASSERT_TRUE(qt::EndAgent(AgentOf(m_pWatchDog, 5), 1));
+    ASSERT_TRUE(qt::WaitLog("Session Agent re-create failed", 1, m_log));
+    EXPECT_EQ(1u, m_pWatchDog->GetLiveMonitorCount()) << "waits for the agent of 7";
+    ASSERT_TRUE(qt::EndAgent(seven, 0));
+    WaitForAllMonitorThreads();
+    EXPECT_EQ(0u, m_pWatchDog->GetLiveMonitorCount());
+    WaitForAllMonitorThreads();
+    CWatchDog::ReleaseInstance();
+    EXPECT_EQ("",
+              qt::InOrder(qt::ReadLog(m_log),
+                          {"Load SeAgntMaxNum=2", "session (3) is off.", "CreateProcessAsUser GetLastError=2",
+                           "session (5) is off.", "Session Agent re-create failed",
+                           "Wait for All Session Agent. dwRet=0", "No Monitor Thread to be Waited."}));
+}
+
+// The start gate without a terminate event: it opens on the DWORD 1 only, and closes for good when
+// the host ends.
+TEST(Gate, WithoutTerminateEvent) {
+    const std::wstring log = UseLog(L"gate");
+    const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
+    bool passed = false;
+    // No ASSERT while a thread runs: each wait below ends it in any case.
+    std::thread gate([&] { passed = WaitForSetStartEvent(host.h.get()); });
+    EXPECT_TRUE(qt::WaitLog("Wait for set start event.", 1, log));
+    EXPECT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 0));
+    EXPECT_TRUE(qt::WaitLog("Regkey is changed. check again.", 1, log));
+    EXPECT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1));
+    gate.join();
+    EXPECT_TRUE(passed);
+    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 2));
+    std::thread closed([&] { passed = WaitForSetStartEvent(host.h.get()); });
+    EXPECT_TRUE(qt::WaitLog("Wait for set start event.", 2, log));
+    TerminateProcess(host.h.get(), 0);
+    closed.join();
+    EXPECT_FALSE(passed);
+    EXPECT_EQ("",
+              qt::InOrder(qt::ReadLog(log), {"no terminated event exists.", "Service process is shutdown."}));
+}
+
+}  // namespace

@@ -1,0 +1,367 @@
+#include "Harness.h"
+
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <regex>
+
+namespace qt {
+namespace {
+
+Handle g_exitAll;  // holds the broadcast event set while agents must keep seeing it
+
+ULONGLONG Deadline(DWORD ms) { return GetTickCount64() + ms; }
+DWORD Left(ULONGLONG deadline) {
+    const ULONGLONG now = GetTickCount64();
+    return now < deadline ? static_cast<DWORD>(deadline - now) : 0;
+}
+
+std::wstring FromUtf8(const std::string& text) {
+    std::wstring out(text.size(), L'\0');
+    out.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                       out.data(), static_cast<int>(out.size()))));
+    return out;
+}
+
+// A Unix path from CMake, as Wine shows it on drive Z:.
+std::wstring BuildPath(const char* variable) {
+    const char* value = std::getenv(variable);
+    std::wstring path = L"Z:" + FromUtf8(value != nullptr ? value : "");
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    return path;
+}
+
+void RemoveTree(const std::wstring& dir) {
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &data);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        const std::wstring name = data.cFileName, path = dir + L"\\" + name;
+        if (name == L"." || name == L"..") {
+            continue;
+        }
+        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+        (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? RemoveTree(path)
+                                                           : void(DeleteFileW(path.c_str()));
+    }
+    if (find != INVALID_HANDLE_VALUE) {
+        FindClose(find);
+    }
+    RemoveDirectoryW(dir.c_str());
+}
+
+std::string ReadBytes(const std::wstring& path) {
+    Handle file =
+        Own(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                        nullptr, OPEN_EXISTING, 0, nullptr));
+    std::string bytes;
+    char buffer[65536];
+    DWORD got = 0;
+    while (file && ReadFile(file.get(), buffer, sizeof(buffer), &got, nullptr) && got > 0) {
+        bytes.append(buffer, got);
+    }
+    return bytes;
+}
+
+// Stops Keld and waits for its process to end.
+void StopKeld() {
+    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    SC_HANDLE service =
+        manager ? OpenServiceW(manager, L"Keld", SERVICE_STOP | SERVICE_QUERY_STATUS) : nullptr;
+    SERVICE_STATUS_PROCESS status = {};
+    DWORD size = 0;
+    if (service != nullptr &&
+        QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                             sizeof(status), &size) &&
+        status.dwProcessId != 0) {
+        Handle process = Own(OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+        SERVICE_STATUS stopped = {};
+        if (ControlService(service, SERVICE_CONTROL_STOP, &stopped)) {
+            WaitForSingleObject(process.get(), kWaitMs);
+        }
+    }
+    if (service != nullptr) {
+        CloseServiceHandle(service);
+    }
+    if (manager != nullptr) {
+        CloseServiceHandle(manager);
+    }
+}
+
+std::wstring ImagePath(HANDLE process) {
+    wchar_t path[MAX_PATH] = {};
+    DWORD size = MAX_PATH;
+    return QueryFullProcessImageNameW(process, 0, path, &size) ? path : L"";
+}
+
+}  // namespace
+
+Handle Own(HANDLE h) { return Handle(h == INVALID_HANDLE_VALUE ? nullptr : h); }
+
+std::wstring HelperExe() { return BuildPath("QO_HELPER_EXE"); }
+std::wstring WatchDogExe() { return BuildPath("QO_WATCHDOG_EXE"); }
+std::wstring PlatformDir() { return L"C:\\Program Files\\Corvane\\Brevant\\Platform"; }
+std::wstring AgentDir() { return PlatformDir() + L"\\agent"; }
+std::wstring KeldDir() { return L"C:\\Program Files\\Corvane\\Keld"; }
+std::wstring LogPath() { return KeldDir() + L"\\debug\\QoWatchDog.log"; }
+
+std::wstring Scratch(const std::wstring& name) {
+    wchar_t temp[MAX_PATH] = {};
+    GetTempPathW(MAX_PATH, temp);
+    const std::wstring dir = std::wstring(temp) + L"qotest-" + name;
+    RemoveTree(dir);
+    CreateDirectoryW(dir.c_str(), nullptr);
+    return dir;
+}
+
+Proc Start(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd,
+           const std::vector<std::wstring>& env) {
+    std::wstring block;
+    if (!env.empty()) {
+        const wchar_t* ours = GetEnvironmentStringsW();
+        for (const wchar_t* p = ours; *p != L'\0'; p += wcslen(p) + 1) {
+            block.append(p).push_back(L'\0');
+        }
+        FreeEnvironmentStringsW(const_cast<wchar_t*>(ours));
+        for (const std::wstring& pair : env) {
+            block.append(pair).push_back(L'\0');  // a later duplicate wins
+        }
+        block.push_back(L'\0');
+    }
+    std::wstring line = L"\"" + exe + L"\"" + (args.empty() ? L"" : L" " + args);
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    PROCESS_INFORMATION pi = {};
+    Proc p;
+    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT,
+                       env.empty() ? nullptr : block.data(), cwd.empty() ? nullptr : cwd.c_str(), &si, &pi)) {
+        CloseHandle(pi.hThread);
+        p.h = Own(pi.hProcess);
+        p.pid = pi.dwProcessId;
+    }
+    return p;
+}
+
+Proc StartWatchDog(const std::wstring& args, const std::vector<std::wstring>& env) {
+    return Start(WatchDogExe(), args, PlatformDir(), env);
+}
+
+std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
+    DWORD code = 0;
+    if (!p.h || WaitForSingleObject(p.h.get(), ms) != WAIT_OBJECT_0 ||
+        !GetExitCodeProcess(p.h.get(), &code)) {
+        return std::nullopt;
+    }
+    return code;
+}
+
+std::vector<DWORD> Find(const std::wstring& exeName) {
+    std::vector<DWORD> pids;
+    Handle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = Process32FirstW(snapshot.get(), &entry); more;
+         more = Process32NextW(snapshot.get(), &entry)) {
+        const bool match = exeName == L"*" || _wcsicmp(entry.szExeFile, exeName.c_str()) == 0;
+        if (match && entry.th32ProcessID != GetCurrentProcessId()) {
+            pids.push_back(entry.th32ProcessID);
+        }
+    }
+    return pids;
+}
+
+Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
+    const std::wstring exe = Scratch(L"bin-" + std::to_wstring(GetTickCount64())) + L"\\" + name;
+    CopyFileW(HelperExe().c_str(), exe.c_str(), FALSE);
+    return Start(exe, mode);
+}
+
+void Reset() {
+    StopKeld();
+    // The watchdogs, the agents and every helper copy; the desktop keeper and Wine's explorer stay.
+    for (const DWORD pid : Find(L"*")) {
+        Handle p =
+            Own(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+        const std::wstring path = ImagePath(p.get());
+        const std::wstring name = path.substr(path.find_last_of(L'\\') + 1);
+        if (_wcsicmp(name.c_str(), L"QoWatchDog.exe") == 0 ||
+            _wcsicmp(name.c_str(), L"QoSessionAgent.exe") == 0 ||
+            path.find(L"\\qotest-") != std::wstring::npos) {
+            TerminateProcess(p.get(), 1);
+            WaitForSingleObject(p.get(), 5000);
+        }
+    }
+    ResetAllAgents();
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\QoTest");
+    DeleteValue(kInstallKey, L"SetStartEvent");
+    DeleteValue(kInstallKey, L"SeAgntMaxNum");
+    SetString(kKeldKey, L"InstallDir", KeldDir());
+    RemoveTree(KeldDir() + L"\\debug");
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((AgentDir() + L"\\agent-*").c_str(), &data);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        DeleteFileW((AgentDir() + L"\\" + data.cFileName).c_str());
+    }
+    if (find != INVALID_HANDLE_VALUE) {
+        FindClose(find);
+    }
+}
+
+bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data) {
+    return RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(), REG_DWORD, &data, sizeof(data)) ==
+           ERROR_SUCCESS;
+}
+
+bool SetString(const std::wstring& key, const std::wstring& value, const std::wstring& data, DWORD type) {
+    return RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(), type, data.c_str(),
+                           static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
+}
+
+void DeleteValue(const std::wstring& key, const std::wstring& value) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str());
+}
+
+std::optional<std::wstring> ReadString(const std::wstring& key, const std::wstring& value) {
+    wchar_t data[4096] = {};
+    DWORD size = sizeof(data) - sizeof(wchar_t);
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(),
+                     RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr, data,
+                     &size) != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    return std::wstring(data);
+}
+
+bool Signal(const wchar_t* event) {
+    Handle h = Own(OpenEventW(EVENT_MODIFY_STATE, FALSE, event));
+    return h && SetEvent(h.get());
+}
+
+bool Exists(const wchar_t* event) { return Own(OpenEventW(SYNCHRONIZE, FALSE, event)) != nullptr; }
+
+Agents::Agents(const wchar_t* semaphore)
+    : m_semaphore(Own(CreateSemaphoreW(nullptr, 0, 1 << 30, semaphore))) {
+    while (WaitForSingleObject(m_semaphore.get(), 0) == WAIT_OBJECT_0) {
+        // counts left by an earlier holder of the name
+    }
+}
+
+bool Agents::Wait(int count, DWORD ms) {
+    const ULONGLONG deadline = Deadline(ms);
+    for (int i = 0; i < count; ++i) {
+        if (WaitForSingleObject(m_semaphore.get(), Left(deadline)) != WAIT_OBJECT_0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool EndAgent(DWORD pid, DWORD code) {
+    return SetDword(kAgentKey, std::to_wstring(pid), code) &&
+           Signal((kAgentExitPrefix + std::to_wstring(pid)).c_str());
+}
+
+void EndAllAgents(DWORD code) {
+    SetDword(kAgentKey, kAll, code);
+    g_exitAll = Own(CreateEventW(nullptr, TRUE, TRUE, kAgentExitAll));
+    SetEvent(g_exitAll.get());
+}
+
+void ResetAllAgents() {
+    Handle h = Own(CreateEventW(nullptr, TRUE, FALSE, kAgentExitAll));
+    ResetEvent(h.get());
+    g_exitAll.reset();
+}
+
+std::map<std::string, std::wstring> Report(DWORD pid) {
+    std::map<std::string, std::wstring> report;
+    const std::string bytes = ReadBytes(AgentDir() + L"\\agent-" + std::to_wstring(pid) + L".txt");
+    for (size_t at = 0, end; (end = bytes.find("\r\n", at)) != std::string::npos; at = end + 2) {
+        const std::string line = bytes.substr(at, end - at);
+        const size_t eq = line.find('=');
+        report[line.substr(0, eq)] = FromUtf8(line.substr(eq + 1));
+    }
+    return report;
+}
+
+DWORD OnlyAgent() {
+    const std::vector<DWORD> agents = Find(L"QoSessionAgent.exe");
+    return agents.size() == 1 ? agents[0] : 0;
+}
+
+size_t Log::Count(const std::string& text) const {
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const Line& l) {
+        return l.message.find(text) != std::string::npos;
+    }));
+}
+
+size_t Log::Errors() const {
+    return static_cast<size_t>(
+        std::count_if(lines.begin(), lines.end(), [](const Line& l) { return l.error; }));
+}
+
+Log ParseLog(const std::string& bytes) {
+    static const std::regex form(
+        R"(\[(Mon|Tue|Wed|Thu|Fri|Sat|Sun) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123]\d )"
+        R"([012]\d:[0-5]\d:[0-5]\d \d{4}\]\[(\d+)\]\[Pellisk\]\[(\.\\[A-Za-z_]\w*)\]\[\d+\]\[(INFO|ERROR)\](.*))");
+    Log log;
+    size_t at = 0;
+    for (size_t end; (end = bytes.find("\r\n", at)) != std::string::npos; at = end + 2) {
+        const std::string text = bytes.substr(at, end - at);
+        std::smatch m;
+        if (std::regex_match(text, m, form) && m[6].str().find('\r') == std::string::npos) {
+            log.lines.push_back({static_cast<DWORD>(std::stoul(m[3])), m[4], m[5] == "ERROR", m[6]});
+        } else {
+            log.malformed.push_back(text);
+        }
+    }
+    if (at < bytes.size()) {
+        log.malformed.push_back(bytes.substr(at) + " (no line end)");
+    }
+    return log;
+}
+
+Log ReadLog(const std::wstring& path) { return ParseLog(ReadBytes(path)); }
+
+bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DWORD ms) {
+    // Sleeps on changes in the log's directory, or in its parent until the directory is made. The
+    // watch is set before each read, so no change between the read and the wait is missed.
+    const std::wstring dir = path.substr(0, path.find_last_of(L'\\'));
+    const ULONGLONG deadline = Deadline(ms);
+    for (;;) {
+        const bool made = GetFileAttributesW(dir.c_str()) != INVALID_FILE_ATTRIBUTES;
+        HANDLE change = FindFirstChangeNotificationW(
+            made ? dir.c_str() : dir.substr(0, dir.find_last_of(L'\\')).c_str(), FALSE,
+            FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME | FILE_NOTIFY_CHANGE_SIZE |
+                FILE_NOTIFY_CHANGE_LAST_WRITE);
+        const bool found = ReadLog(path).Count(text) >= count;
+        const bool changed = !found && change != INVALID_HANDLE_VALUE &&
+                             WaitForSingleObject(change, Left(deadline)) == WAIT_OBJECT_0;
+        if (change != INVALID_HANDLE_VALUE) {
+            FindCloseChangeNotification(change);
+        }
+        if (!changed) {
+            return found;
+        }
+    }
+}
+
+std::string InOrder(const Log& log, const std::vector<std::string>& texts) {
+    size_t next = 0;
+    for (const std::string& text : texts) {
+        while (next < log.lines.size() && log.lines[next].message.find(text) == std::string::npos) {
+            ++next;
+        }
+        if (next == log.lines.size()) {
+            std::string seen;
+            for (const Line& l : log.lines) {
+                seen += "\n  [" + std::to_string(l.pid) + "] " + l.message;
+            }
+            return "missing in order: \"" + text + "\"; the log:" + seen;
+        }
+        ++next;
+    }
+    return "";
+}
+
+}  // namespace qt

@@ -1,0 +1,116 @@
+// What the tests, the demo and the benchmark do around the watchdog under Wine: start, find, wait
+// for and end processes; registry values; named events; the agent stand-in; the watchdog's log.
+// Every wait is bounded by kWaitMs unless told otherwise.
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Protocol.h"
+
+namespace qt {
+
+inline constexpr DWORD kWaitMs = 20000;
+inline constexpr DWORD kFailed = 0xFFFFFFFF;  // the watchdog's -1
+
+// The deployment contract's names, spelled here and not taken from the product, so that a misspelt
+// name in the product fails the tests.
+inline constexpr wchar_t kInstallKey[] = L"Software\\Corvane\\Brevant\\0\\Install";
+inline constexpr wchar_t kKeldKey[] = L"SOFTWARE\\Corvane\\Keld";
+inline constexpr wchar_t kEnvKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
+inline constexpr wchar_t kReload[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
+inline constexpr wchar_t kStop[] = L"Global\\EVENT_ID_BREVANT_STOP_SERVICE";
+inline constexpr wchar_t kTerminate[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
+inline constexpr wchar_t kAgentsAndWait[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING";
+inline constexpr wchar_t kUpdate[] = L"Global\\EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK";
+inline constexpr wchar_t kStartKeld[] = L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC";
+inline constexpr wchar_t kClose[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE";
+inline constexpr wchar_t kCloseNoStop[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD";
+inline constexpr wchar_t kStartService[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
+inline constexpr wchar_t kMutex[] = L"Global\\_QO_WATCH_DOG_NAMED_MUTEX";
+inline constexpr wchar_t kLogWriter[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
+
+struct HandleCloser {
+    void operator()(HANDLE h) const { CloseHandle(h); }
+};
+using Handle = std::unique_ptr<void, HandleCloser>;
+Handle Own(HANDLE h);  // null for null and INVALID_HANDLE_VALUE
+
+// Paths: the build's programs (given by CMake as Unix paths) and the installed client of the prefix.
+std::wstring HelperExe();
+std::wstring WatchDogExe();
+std::wstring PlatformDir();
+std::wstring AgentDir();
+std::wstring KeldDir();
+std::wstring LogPath();
+std::wstring Scratch(const std::wstring& name);  // a fresh empty directory under %TEMP%
+
+struct Proc {
+    Handle h;
+    DWORD pid = 0;
+};
+// "exe" args, in cwd (empty: ours), with these NAME=value pairs added to our environment.
+Proc Start(const std::wstring& exe, const std::wstring& args = L"", const std::wstring& cwd = L"",
+           const std::vector<std::wstring>& env = {});
+// As the host starts it ("<pid>") or the Run key ("" or "0"), in the platform directory.
+Proc StartWatchDog(const std::wstring& args, const std::vector<std::wstring>& env = {});
+std::optional<DWORD> ExitCode(const Proc& p, DWORD ms = kWaitMs);
+// qo_helper.exe copied as name into a directory of its own and started with mode ("idle": a host
+// process or, named explorer.exe, a shell; "hold <mutex>").
+Proc StartHelper(const std::wstring& name, const std::wstring& mode);
+// Pids of the processes whose executable name is exactly this (any case); "*" for all.
+std::vector<DWORD> Find(const std::wstring& exeName);
+// Brings the prefix back to the installed client: ends the tests' processes, removes the tests'
+// registry values, the log directory and the agents' reports, stops Keld.
+void Reset();
+
+bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data);
+bool SetString(const std::wstring& key, const std::wstring& value, const std::wstring& data,
+               DWORD type = REG_SZ);
+void DeleteValue(const std::wstring& key, const std::wstring& value);
+std::optional<std::wstring> ReadString(const std::wstring& key, const std::wstring& value);
+
+bool Signal(const wchar_t* event);  // sets an existing event
+bool Exists(const wchar_t* event);
+
+// Counts agent starts: kAgentReady (report written, exit event made) or kAgentStarted.
+class Agents {
+public:
+    explicit Agents(const wchar_t* semaphore = kAgentReady);
+    bool Wait(int count = 1, DWORD ms = kWaitMs);
+
+private:
+    Handle m_semaphore;
+};
+bool EndAgent(DWORD pid, DWORD code);
+void EndAllAgents(DWORD code);  // also every agent started while it stays set
+void ResetAllAgents();
+std::map<std::string, std::wstring> Report(DWORD pid);
+DWORD OnlyAgent();  // the one running agent, 0 unless exactly one runs
+
+struct Line {
+    DWORD pid = 0;
+    std::string source;
+    bool error = false;
+    std::string message;
+};
+struct Log {
+    std::vector<Line> lines;
+    std::vector<std::string> malformed;
+    size_t Count(const std::string& text) const;  // lines whose message holds the text
+    size_t Errors() const;
+};
+Log ParseLog(const std::string& bytes);
+Log ReadLog(const std::wstring& path = LogPath());
+// Waits until count messages hold the text; false on time-out.
+bool WaitLog(const std::string& text, size_t count = 1, const std::wstring& path = LogPath(),
+             DWORD ms = kWaitMs);
+// "" when messages holding these texts appear in this order, else the first one missed and the log.
+std::string InOrder(const Log& log, const std::vector<std::string>& texts);
+
+}  // namespace qt
