@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "Harness.h"
-#include "foundation/CRegKey.h"
 #include "foundation/logging.h"
 #include "session/SessionAgentMonitor.h"
 #include "session/utilWinUserSession.h"
@@ -119,39 +118,6 @@ TEST(Path, OnlyAWholeEntryIsFound) {
     }
 }
 
-TEST(RegKey, ValuesAsStored) {
-    const wchar_t key[] = L"Software\\QoTest\\Values";
-    struct Case {
-        const char* bytes;
-        DWORD size;
-        const wchar_t* text;
-    } cases[] = {
-        {"a\0b\0", 4, L"ab"},
-        {"a\0b\0\0\0c\0", 8, L"ab"},
-        {"a\0b\0c", 5, L"ab"},
-        {"", 0, L""},
-    };
-    CRegKey reg;
-    ASSERT_EQ(ERROR_SUCCESS, RegSetKeyValueW(HKEY_LOCAL_MACHINE, key, L"v", REG_SZ, "", 0));
-    ASSERT_EQ(ERROR_SUCCESS, reg.Open(HKEY_LOCAL_MACHINE, key, KEY_ALL_ACCESS));
-    for (const Case& c : cases) {
-        RegSetValueExW(reg.GetHandle(), L"v", 0, REG_SZ, reinterpret_cast<const BYTE*>(c.bytes), c.size);
-        std::wstring text = L"unchanged";
-        EXPECT_EQ(ERROR_SUCCESS, reg.QueryValue(L"v", text));
-        EXPECT_EQ(c.text, text) << c.size << " bytes";
-    }
-    std::wstring text = L"unchanged";
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, reg.QueryValue(L"missing", text));
-    EXPECT_EQ(L"unchanged", text);
-    EXPECT_EQ(ERROR_SUCCESS, reg.SetValue(L"v", L"%X%;C:\\P"));
-    DWORD type = 0;
-    RegQueryValueExW(reg.GetHandle(), L"v", nullptr, &type, nullptr, nullptr);
-    EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ), type);
-    EXPECT_EQ(L"%X%;C:\\P", qt::ReadString(key, L"v").value_or(L""));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND,
-              CRegKey().Open(HKEY_LOCAL_MACHINE, L"Software\\QoTest\\Missing", KEY_READ));
-}
-
 // The agent as the shell's user on winsta0\default, with the user's environment edited; the caller
 // is back on its own station and token afterwards, also when the launch fails.
 TEST(Launch, AgentAsTheShellsUserAndFaults) {
@@ -196,117 +162,51 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
                                " Create Session Agent failed session ID = 7", "OpenProcess Err=87"}));
 }
 
-class Monitors : public ::testing::Test {
-protected:
-    void SetUp() override {
-        m_log = UseLog(L"monitors");
-        SetCurrentDirectoryW(qt::PlatformDir().c_str());
-        m_pWatchDog = CWatchDog::GetInstance();
-    }
-    void Init(const std::wstring& agent) {
-        ASSERT_TRUE(m_pWatchDog->Init(agent.c_str(), qt::AgentDir().c_str()));
-    }
-
-    std::wstring m_log;
-    CWatchDog* m_pWatchDog = nullptr;
-    qt::Agents m_started;
-};
-
-// Crash, graceful end, the same shell and a new one, batches of 62 ids and the close.
-TEST_F(Monitors, RestartOffOnBatchesAndClose) {
-    Init(qt::AgentDir() + L"\\QoSessionAgent.exe");
-    const DWORD shell = ShellPid();
-    m_pWatchDog->RegisterSessions({Session(61, shell), Session(62, shell), Session(3038, shell)});
-    ASSERT_TRUE(m_started.Wait(2));
-    EXPECT_EQ(2u, m_pWatchDog->GetLiveMonitorCount());
-
-    const DWORD first = AgentOf(m_pWatchDog, 61);
-    ASSERT_TRUE(qt::EndAgent(first, 0xC0000005));
-    ASSERT_TRUE(m_started.Wait());
-    EXPECT_NE(first, AgentOf(m_pWatchDog, 61));
-
-    ASSERT_TRUE(qt::EndAgent(AgentOf(m_pWatchDog, 62), 0x40010004));
-    ASSERT_TRUE(qt::WaitLog("No session to monitor.", 1, m_log));
-    // The same shell leaves 62 off: only 63, registered with it, gets an agent.
-    m_pWatchDog->RegisterSessions({Session(62, shell), Session(63, shell)});
-    ASSERT_TRUE(m_started.Wait());
-    EXPECT_EQ(0u, AgentOf(m_pWatchDog, 62));
-    EXPECT_NE(0u, AgentOf(m_pWatchDog, 63));
-    const qt::Proc newShell = qt::StartHelper(L"explorer.exe", L"idle");
-    m_pWatchDog->RegisterSessions({Session(62, newShell.pid)});
-    ASSERT_TRUE(m_started.Wait());
-    EXPECT_NE(0u, AgentOf(m_pWatchDog, 62));
-
-    m_pWatchDog->SetCloseEvent(true);
-    qt::EndAllAgents(0);
-    WaitForAllMonitorThreads();
-    EXPECT_EQ(0u, m_pWatchDog->GetLiveMonitorCount());
-    EXPECT_EQ(1, CWatchDog::GetRefCount());
-    CWatchDog::ReleaseInstance();
-    EXPECT_EQ(0, CWatchDog::GetRefCount());
-    const qt::Log log = qt::ReadLog(m_log);
-    EXPECT_EQ("", qt::InOrder(log, {"m_shpSessionManager->IsCreated Ret=-1",
-                                    "Session agent exits, graceful=0", "Session agent exits, graceful=1",
-                                    "session (62) is off.", "session (62) is on again.", "KELD Stop",
-                                    "KELD Stop", "Wait for All Monitor Thread. dwRet=0"}));
-    EXPECT_EQ(5u, log.Count(" Create Session Agent successfully"));
-    EXPECT_EQ(0u, log.Errors());
-}
-
-// SeAgntMaxNum bounds the agents of a monitor; an agent program gone at a restart switches the
-// session off and ends the monitor after its other agents.
-TEST_F(Monitors, AgentLimitAndAgentGoneAtRestart) {
+// Monitors of batches of 62 session ids, each starting at most SeAgntMaxNum agents; an agent
+// program gone at a restart switches its session off and ends the monitor after its other agents;
+// the close ends the rest.
+TEST(Monitors, BatchesLimitAgentGoneAndClose) {
+    const std::wstring log = UseLog(L"monitors");
+    SetCurrentDirectoryW(qt::PlatformDir().c_str());
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 2));
     const std::wstring agent = qt::Scratch(L"moved") + L"\\QoSessionAgent.exe";
     ASSERT_TRUE(CopyFileW((qt::AgentDir() + L"\\QoSessionAgent.exe").c_str(), agent.c_str(), FALSE));
-    Init(agent);
+    qt::Agents started;
+    CWatchDog* pWatchDog = CWatchDog::GetInstance();
+    ASSERT_TRUE(pWatchDog->Init(agent.c_str(), qt::AgentDir().c_str()));
     const DWORD shell = ShellPid();
-    m_pWatchDog->RegisterSessions({Session(3, shell), Session(5, shell), Session(7, shell)});
-    ASSERT_TRUE(m_started.Wait(2));
-    EXPECT_EQ(0u, AgentOf(m_pWatchDog, 7));
-    ASSERT_TRUE(qt::EndAgent(AgentOf(m_pWatchDog, 3), 0));
-    ASSERT_TRUE(m_started.Wait());
-    const DWORD seven = AgentOf(m_pWatchDog, 7);
+    pWatchDog->RegisterSessions(
+        {Session(3, shell), Session(5, shell), Session(7, shell), Session(62, shell), Session(3038, shell)});
+    ASSERT_TRUE(started.Wait(3));
+    EXPECT_EQ(0u, AgentOf(pWatchDog, 7));
+    EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount());
+    ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 3), 0x40010004));
+    ASSERT_TRUE(started.Wait());
+    const DWORD seven = AgentOf(pWatchDog, 7);
     ASSERT_NE(0u, seven);
 
     ASSERT_TRUE(MoveFileW(agent.c_str(), (agent + L".away").c_str()));
-    ASSERT_TRUE(qt::EndAgent(AgentOf(m_pWatchDog, 5), 1));
-    ASSERT_TRUE(qt::WaitLog("Session Agent re-create failed", 1, m_log));
-    EXPECT_EQ(1u, m_pWatchDog->GetLiveMonitorCount()) << "waits for the agent of 7";
+    ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 5), 1));
+    ASSERT_TRUE(qt::WaitLog("Session Agent re-create failed", 1, log));
+    EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount()) << "waits for the agent of 7";
+    qt::Proc agentOf7{qt::Own(OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, seven)),
+                      seven};
     ASSERT_TRUE(qt::EndAgent(seven, 0));
+    ASSERT_TRUE(qt::ExitCode(agentOf7));
+    pWatchDog->SetCloseEvent(true);
+    qt::EndAllAgents(0);
     WaitForAllMonitorThreads();
-    EXPECT_EQ(0u, m_pWatchDog->GetLiveMonitorCount());
+    EXPECT_EQ(0u, pWatchDog->GetLiveMonitorCount());
     WaitForAllMonitorThreads();
+    EXPECT_EQ(1, CWatchDog::GetRefCount());
     CWatchDog::ReleaseInstance();
-    EXPECT_EQ("",
-              qt::InOrder(qt::ReadLog(m_log),
-                          {"Load SeAgntMaxNum=2", "session (3) is off.", "CreateProcessAsUser GetLastError=2",
-                           "session (5) is off.", "Session Agent re-create failed",
-                           "Wait for All Session Agent. dwRet=0", "No Monitor Thread to be Waited."}));
-}
-
-// The start gate without a terminate event: it opens on the DWORD 1 only, and closes for good when
-// the host ends.
-TEST(Gate, WithoutTerminateEvent) {
-    const std::wstring log = UseLog(L"gate");
-    const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
-    bool passed = false;
-    // No ASSERT while a thread runs: each wait below ends it in any case.
-    std::thread gate([&] { passed = WaitForSetStartEvent(host.h.get()); });
-    EXPECT_TRUE(qt::WaitLog("Wait for set start event.", 1, log));
-    EXPECT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 0));
-    EXPECT_TRUE(qt::WaitLog("Regkey is changed. check again.", 1, log));
-    EXPECT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1));
-    gate.join();
-    EXPECT_TRUE(passed);
-    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 2));
-    std::thread closed([&] { passed = WaitForSetStartEvent(host.h.get()); });
-    EXPECT_TRUE(qt::WaitLog("Wait for set start event.", 2, log));
-    TerminateProcess(host.h.get(), 0);
-    closed.join();
-    EXPECT_FALSE(passed);
-    EXPECT_EQ("",
-              qt::InOrder(qt::ReadLog(log), {"no terminated event exists.", "Service process is shutdown."}));
+    EXPECT_EQ(0, CWatchDog::GetRefCount());
+    EXPECT_EQ(
+        "", qt::InOrder(qt::ReadLog(log),
+                        {"Load SeAgntMaxNum=2", "m_shpSessionManager->IsCreated Ret=-1",
+                         "session (3) is off.", "CreateProcessAsUser GetLastError=2", "session (5) is off.",
+                         "Session Agent re-create failed", "Wait for All Session Agent. dwRet=0", "KELD Stop",
+                         "Wait for All Monitor Thread. dwRet=0", "No Monitor Thread to be Waited."}));
 }
 
 }  // namespace

@@ -32,22 +32,13 @@ std::wstring BuildPath(const char* variable) {
     return path;
 }
 
-void RemoveTree(const std::wstring& dir) {
+void DeleteFiles(const std::wstring& dir, const std::wstring& pattern) {
     WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &data);
+    HANDLE find = FindFirstFileW((dir + L"\\" + pattern).c_str(), &data);
     for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
-        const std::wstring name = data.cFileName, path = dir + L"\\" + name;
-        if (name == L"." || name == L"..") {
-            continue;
-        }
-        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-        (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? RemoveTree(path)
-                                                           : void(DeleteFileW(path.c_str()));
+        DeleteFileW((dir + L"\\" + data.cFileName).c_str());
     }
-    if (find != INVALID_HANDLE_VALUE) {
-        FindClose(find);
-    }
-    RemoveDirectoryW(dir.c_str());
+    FindClose(find);
 }
 
 std::string ReadBytes(const std::wstring& path) {
@@ -66,32 +57,18 @@ std::string ReadBytes(const std::wstring& path) {
 // Stops Keld and waits for its process to end.
 void StopKeld() {
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    SC_HANDLE service =
-        manager ? OpenServiceW(manager, L"Keld", SERVICE_STOP | SERVICE_QUERY_STATUS) : nullptr;
+    SC_HANDLE keld = OpenServiceW(manager, L"Keld", SERVICE_STOP | SERVICE_QUERY_STATUS);
     SERVICE_STATUS_PROCESS status = {};
     DWORD size = 0;
-    if (service != nullptr &&
-        QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
-                             sizeof(status), &size) &&
-        status.dwProcessId != 0) {
-        Handle process = Own(OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
-        SERVICE_STATUS stopped = {};
-        if (ControlService(service, SERVICE_CONTROL_STOP, &stopped)) {
-            WaitForSingleObject(process.get(), kWaitMs);
-        }
+    QueryServiceStatusEx(keld, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
+                         &size);
+    Handle process = Own(OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+    SERVICE_STATUS stopped = {};
+    if (process && ControlService(keld, SERVICE_CONTROL_STOP, &stopped)) {
+        WaitForSingleObject(process.get(), kWaitMs);
     }
-    if (service != nullptr) {
-        CloseServiceHandle(service);
-    }
-    if (manager != nullptr) {
-        CloseServiceHandle(manager);
-    }
-}
-
-std::wstring ImagePath(HANDLE process) {
-    wchar_t path[MAX_PATH] = {};
-    DWORD size = MAX_PATH;
-    return QueryFullProcessImageNameW(process, 0, path, &size) ? path : L"";
+    CloseServiceHandle(keld);
+    CloseServiceHandle(manager);
 }
 
 }  // namespace
@@ -106,35 +83,23 @@ std::wstring KeldDir() { return L"C:\\Program Files\\Corvane\\Keld"; }
 std::wstring LogPath() { return KeldDir() + L"\\debug\\QoWatchDog.log"; }
 
 std::wstring Scratch(const std::wstring& name) {
+    static int s_made = 0;
     wchar_t temp[MAX_PATH] = {};
     GetTempPathW(MAX_PATH, temp);
-    const std::wstring dir = std::wstring(temp) + L"qotest-" + name;
-    RemoveTree(dir);
+    const std::wstring dir = std::wstring(temp) + L"qotest-" + name + std::to_wstring(GetCurrentProcessId()) +
+                             L"-" + std::to_wstring(++s_made);
     CreateDirectoryW(dir.c_str(), nullptr);
     return dir;
 }
 
-Proc Start(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd,
-           const std::vector<std::wstring>& env) {
-    std::wstring block;
-    if (!env.empty()) {
-        const wchar_t* ours = GetEnvironmentStringsW();
-        for (const wchar_t* p = ours; *p != L'\0'; p += wcslen(p) + 1) {
-            block.append(p).push_back(L'\0');
-        }
-        FreeEnvironmentStringsW(const_cast<wchar_t*>(ours));
-        for (const std::wstring& pair : env) {
-            block.append(pair).push_back(L'\0');  // a later duplicate wins
-        }
-        block.push_back(L'\0');
-    }
+Proc Start(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd) {
     std::wstring line = L"\"" + exe + L"\"" + (args.empty() ? L"" : L" " + args);
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
     PROCESS_INFORMATION pi = {};
     Proc p;
-    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT,
-                       env.empty() ? nullptr : block.data(), cwd.empty() ? nullptr : cwd.c_str(), &si, &pi)) {
+    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                       cwd.empty() ? nullptr : cwd.c_str(), &si, &pi)) {
         CloseHandle(pi.hThread);
         p.h = Own(pi.hProcess);
         p.pid = pi.dwProcessId;
@@ -142,9 +107,7 @@ Proc Start(const std::wstring& exe, const std::wstring& args, const std::wstring
     return p;
 }
 
-Proc StartWatchDog(const std::wstring& args, const std::vector<std::wstring>& env) {
-    return Start(WatchDogExe(), args, PlatformDir(), env);
-}
+Proc StartWatchDog(const std::wstring& args) { return Start(WatchDogExe(), args, PlatformDir()); }
 
 std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
     DWORD code = 0;
@@ -171,7 +134,7 @@ std::vector<DWORD> Find(const std::wstring& exeName) {
 }
 
 Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
-    const std::wstring exe = Scratch(L"bin-" + std::to_wstring(GetTickCount64())) + L"\\" + name;
+    const std::wstring exe = Scratch(L"bin") + L"\\" + name;
     CopyFileW(HelperExe().c_str(), exe.c_str(), FALSE);
     return Start(exe, mode);
 }
@@ -182,7 +145,10 @@ void Reset() {
     for (const DWORD pid : Find(L"*")) {
         Handle p =
             Own(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-        const std::wstring path = ImagePath(p.get());
+        wchar_t image[MAX_PATH] = {};
+        DWORD size = MAX_PATH;
+        QueryFullProcessImageNameW(p.get(), 0, image, &size);
+        const std::wstring path(image);
         const std::wstring name = path.substr(path.find_last_of(L'\\') + 1);
         if (_wcsicmp(name.c_str(), L"QoWatchDog.exe") == 0 ||
             _wcsicmp(name.c_str(), L"QoSessionAgent.exe") == 0 ||
@@ -196,15 +162,9 @@ void Reset() {
     DeleteValue(kInstallKey, L"SetStartEvent");
     DeleteValue(kInstallKey, L"SeAgntMaxNum");
     SetString(kKeldKey, L"InstallDir", KeldDir());
-    RemoveTree(KeldDir() + L"\\debug");
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((AgentDir() + L"\\agent-*").c_str(), &data);
-    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
-        DeleteFileW((AgentDir() + L"\\" + data.cFileName).c_str());
-    }
-    if (find != INVALID_HANDLE_VALUE) {
-        FindClose(find);
-    }
+    DeleteFiles(KeldDir() + L"\\debug", L"*");
+    RemoveDirectoryW((KeldDir() + L"\\debug").c_str());
+    DeleteFiles(AgentDir(), L"agent-*");
 }
 
 bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data) {

@@ -48,17 +48,16 @@ std::wstring PlatformDir();
 std::wstring AgentDir();
 std::wstring KeldDir();
 std::wstring LogPath();
-std::wstring Scratch(const std::wstring& name);  // a fresh empty directory under %TEMP%
+std::wstring Scratch(const std::wstring& name);  // a new empty directory under %TEMP%
 
 struct Proc {
     Handle h;
     DWORD pid = 0;
 };
-// "exe" args, in cwd (empty: ours), with these NAME=value pairs added to our environment.
-Proc Start(const std::wstring& exe, const std::wstring& args = L"", const std::wstring& cwd = L"",
-           const std::vector<std::wstring>& env = {});
+// "exe" args, in cwd (empty: ours).
+Proc Start(const std::wstring& exe, const std::wstring& args = L"", const std::wstring& cwd = L"");
 // As the host starts it ("<pid>") or the Run key ("" or "0"), in the platform directory.
-Proc StartWatchDog(const std::wstring& args, const std::vector<std::wstring>& env = {});
+Proc StartWatchDog(const std::wstring& args);
 std::optional<DWORD> ExitCode(const Proc& p, DWORD ms = kWaitMs);
 // qo_helper.exe copied as name into a directory of its own and started with mode ("idle": a host
 // process or, named explorer.exe, a shell; "hold <mutex>").

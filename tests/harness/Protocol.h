@@ -2,11 +2,10 @@
 //
 // qo_helper.exe without arguments is the session agent stand-in. Its first instruction releases one
 // count of kAgentStarted. With HKLM\kAgentKey\kImmediate set it then exits at once with that code.
-// Otherwise it writes agent-<pid>.txt beside its executable (key=value lines, UTF-8: the keys
-// below), creates its exit event, releases kAgentReady and waits: its own event ends it with the
-// DWORD named by its pid under kAgentKey (1 when missing), kAgentExitAll with the value kAll (0 when
-// missing). 0xC0000005 is produced by a real access violation.
-// "qo_helper.exe idle" lives until it is ended (a host process, a shell); "keeper" holds Wine's
+// Otherwise it writes agent-<pid>.txt beside its executable (key=value lines, UTF-8), creates its exit event,
+// releases kAgentReady and waits: its own event ends it with the DWORD named by its pid under kAgentKey (1
+// when missing), kAgentExitAll with the value kAll (0 when missing). 0xC0000005 is produced by a real access
+// violation. "qo_helper.exe idle" lives until it is ended (a host process, a shell); "keeper" holds Wine's
 // desktop; "service" is the Keld service, and sets kKeldRunning once it runs; "hold <mutex>" takes the
 // named mutex, sets kHeld and keeps it.
 #pragma once
@@ -26,15 +25,9 @@ inline constexpr wchar_t kAll[] = L"All";
 inline constexpr wchar_t kImmediate[] = L"Immediate";
 inline constexpr wchar_t kKeldRunning[] = L"Global\\QoTestKeldRunning";
 inline constexpr wchar_t kHeld[] = L"Global\\QoTestMutexHeld";
-inline constexpr const char* kReportKeys[] = {"session",
-                                              "cmdline",
-                                              "cwd",
-                                              "desktop",
-                                              "Path",
-                                              "CommonProgramFiles(x86)",
-                                              "CommonProgramW6432",
-                                              "ProgramFiles(x86)",
-                                              "ProgramW6432"};
+// The report's keys besides session, cmdline, cwd and desktop (winsta\\desktop).
+inline constexpr const wchar_t* kReportedVariables[] = {
+    L"Path", L"CommonProgramFiles(x86)", L"CommonProgramW6432", L"ProgramFiles(x86)", L"ProgramW6432"};
 
 inline std::string ToUtf8(const std::wstring& text) {
     std::string out(text.size() * 3, '\0');

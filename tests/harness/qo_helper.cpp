@@ -1,5 +1,5 @@
 // qo_helper.exe: the session agent, host process, shell, desktop keeper, Keld service and mutex
-// holder of the tests, the demo and the benchmarks (tests/harness/Protocol.h).
+// holder of the tests, the demo and the benchmark (Protocol.h).
 #include <windows.h>
 
 #include <string>
@@ -9,6 +9,8 @@
 namespace {
 
 int* volatile g_null = nullptr;  // volatile: the compiler must emit the faulting store
+SERVICE_STATUS_HANDLE g_status = nullptr;
+HANDLE g_stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 
 LONG WINAPI EndQuietly(EXCEPTION_POINTERS*) { return EXCEPTION_EXECUTE_HANDLER; }
 
@@ -26,49 +28,34 @@ bool ReadCode(const std::wstring& name, DWORD& code) {
                         &size) == ERROR_SUCCESS;
 }
 
-void Release(const wchar_t* semaphore) {
-    if (HANDLE h = OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, semaphore)) {
-        ReleaseSemaphore(h, 1, nullptr);
-        CloseHandle(h);
-    }
+void Notify(const wchar_t* name) {
+    HANDLE h = OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, name);
+    ReleaseSemaphore(h, 1, nullptr) || SetEvent(OpenEventW(EVENT_MODIFY_STATE, FALSE, name));
 }
 
-std::wstring Text(DWORD (*get)(DWORD, wchar_t*, const wchar_t*), const wchar_t* name) {
-    wchar_t buffer[32768] = {};
-    get(32767, buffer, name);
-    return buffer;
-}
-
-std::wstring ObjectName(HANDLE object) {
+std::wstring NameOf(HANDLE object) {
     wchar_t name[256] = {};
     GetUserObjectInformationW(object, UOI_NAME, name, sizeof(name) - sizeof(wchar_t), nullptr);
     return name;
 }
 
+// Written aside and renamed, so a reader never sees half a report.
 void WriteReport(const std::wstring& pid) {
+    static wchar_t text[32768];
     DWORD session = 0;
     ProcessIdToSessionId(GetCurrentProcessId(), &session);
-    const std::wstring values[] = {
-        std::to_wstring(session), GetCommandLineW(),
-        Text([](DWORD n, wchar_t* b, const wchar_t*) { return GetCurrentDirectoryW(n, b); }, nullptr),
-        ObjectName(GetProcessWindowStation()) + L"\\" + ObjectName(GetThreadDesktop(GetCurrentThreadId()))};
-    std::string report;
-    size_t i = 0;
-    for (const char* key : qt::kReportKeys) {
-        const std::wstring wkey(key, key + strlen(key));
-        const std::wstring value =
-            i < 4
-                ? values[i]
-                : Text([](DWORD n, wchar_t* b, const wchar_t* v) { return GetEnvironmentVariableW(v, b, n); },
-                       wkey.c_str());
-        report += std::string(key) + "=" + qt::ToUtf8(value) + "\r\n";
-        ++i;
+    GetCurrentDirectoryW(32768, text);
+    std::string report = "session=" + std::to_string(session) +
+                         "\r\ncmdline=" + qt::ToUtf8(GetCommandLineW()) + "\r\ncwd=" + qt::ToUtf8(text) +
+                         "\r\ndesktop=" + qt::ToUtf8(NameOf(GetProcessWindowStation())) + "\\" +
+                         qt::ToUtf8(NameOf(GetThreadDesktop(GetCurrentThreadId()))) + "\r\n";
+    for (const wchar_t* name : qt::kReportedVariables) {
+        text[GetEnvironmentVariableW(name, text, 32768) < 32768 ? 32767 : 0] = L'\0';
+        report += qt::ToUtf8(name) + "=" + qt::ToUtf8(text) + "\r\n";
     }
-    wchar_t exe[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, exe, MAX_PATH);
-    std::wstring path(exe);
+    GetModuleFileNameW(nullptr, text, MAX_PATH);
+    std::wstring path(text);
     path = path.substr(0, path.find_last_of(L'\\') + 1) + L"agent-" + pid + L".txt";
-    // Written aside and renamed, so a reader never sees half a report.
     HANDLE file = CreateFileW((path + L".tmp").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     DWORD written = 0;
     WriteFile(file, report.data(), static_cast<DWORD>(report.size()), &written, nullptr);
@@ -77,7 +64,7 @@ void WriteReport(const std::wstring& pid) {
 }
 
 int Agent() {
-    Release(qt::kAgentStarted);
+    Notify(qt::kAgentStarted);
     DWORD code = 0;
     if (ReadCode(qt::kImmediate, code)) {
         ExitWith(code);
@@ -86,17 +73,10 @@ int Agent() {
     const HANDLE events[2] = {CreateEventW(nullptr, TRUE, FALSE, (qt::kAgentExitPrefix + pid).c_str()),
                               CreateEventW(nullptr, TRUE, FALSE, qt::kAgentExitAll)};
     WriteReport(pid);
-    Release(qt::kAgentReady);
-    const DWORD which = WaitForMultipleObjects(2, events, FALSE, INFINITE) - WAIT_OBJECT_0;
-    const bool own = which == 0;
-    if (!ReadCode(own ? pid : qt::kAll, code)) {
-        code = own ? 1 : 0;
-    }
-    ExitWith(code);
+    Notify(qt::kAgentReady);
+    const bool own = WaitForMultipleObjects(2, events, FALSE, INFINITE) == WAIT_OBJECT_0;
+    ExitWith(ReadCode(own ? pid : qt::kAll, code) ? code : own ? 1 : 0);
 }
-
-SERVICE_STATUS_HANDLE g_status = nullptr;
-HANDLE g_stop = nullptr;
 
 void Report(DWORD state) {
     SERVICE_STATUS status = {};
@@ -116,12 +96,8 @@ DWORD WINAPI OnControl(DWORD control, DWORD, LPVOID, LPVOID) {
 
 void WINAPI ServiceMain(DWORD, LPWSTR*) {
     g_status = RegisterServiceCtrlHandlerExW(L"Keld", OnControl, nullptr);
-    g_stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     Report(SERVICE_RUNNING);
-    if (HANDLE running = OpenEventW(EVENT_MODIFY_STATE, FALSE, qt::kKeldRunning)) {
-        SetEvent(running);
-        CloseHandle(running);
-    }
+    Notify(qt::kKeldRunning);
     WaitForSingleObject(g_stop, INFINITE);
     Report(SERVICE_STOPPED);
 }
@@ -130,22 +106,17 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR cmdLine, int) {
     const std::wstring mode(cmdLine);
+    wchar_t keld[] = L"Keld";
+    const SERVICE_TABLE_ENTRYW table[] = {{keld, ServiceMain}, {nullptr, nullptr}};
     if (mode.empty()) {
         return Agent();
-    }
-    if (mode == L"service") {
-        wchar_t name[] = L"Keld";
-        const SERVICE_TABLE_ENTRYW table[] = {{name, ServiceMain}, {nullptr, nullptr}};
+    } else if (mode == L"service") {
         return StartServiceCtrlDispatcherW(table) ? 0 : 1;
-    }
-    if (mode == L"keeper" && GetDesktopWindow() == nullptr) {
-        return 1;
-    }
-    if (mode.rfind(L"hold ", 0) == 0) {
+    } else if (mode == L"keeper") {
+        GetDesktopWindow();
+    } else if (mode.rfind(L"hold ", 0) == 0) {
         WaitForSingleObject(CreateMutexW(nullptr, FALSE, mode.substr(5).c_str()), INFINITE);
-        if (HANDLE held = OpenEventW(EVENT_MODIFY_STATE, FALSE, qt::kHeld)) {
-            SetEvent(held);
-        }
+        Notify(qt::kHeld);
     }
     Sleep(INFINITE);
     return 0;
