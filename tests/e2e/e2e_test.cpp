@@ -131,11 +131,6 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     EXPECT_EQ(1u, log.Count("Start KELD service."));
     EXPECT_EQ(1u,
               log.Count("event BREVANT_START_KELD_WITHOUT_UAC or another watch dog instance still exists"));
-    for (const qt::Line& line : log.lines) {
-        if (line.message == "Another instance is running!!") {
-            EXPECT_EQ(refused.pid, line.pid);
-        }
-    }
 }
 
 // Every start that must not supervise ends with -1 and says why, and starts no agent.
@@ -167,7 +162,6 @@ TEST(Supervisor, Refusals) {
          },
          L"", nullptr, "Fail to get Session Agent path!!"},
         {squat(qt::kMutex, false), L"", nullptr, "create mutex fail!!"},
-        {squat(qt::kReload, true), L"", nullptr, "Failed to create watch dog reload event"},
         {squat(qt::kClose, true), L"", nullptr, "CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=6"},
     };
     for (Case& c : cases) {
@@ -226,15 +220,7 @@ TEST(Entry, LogLocationsAndRunKeyStorm) {
         EXPECT_EQ("Exit Watch Dog From Run Key. nRet=-1", log.lines.back().message);
     }
 
-    // "debug" is a file: the lines are lost, and nowhere else.
     qt::Reset();
-    DeleteFileW(tempLog.c_str());
-    CloseHandle(CreateFileW((qt::KeldDir() + L"\\debug").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
-                            nullptr));
-    EXPECT_EQ(qt::kFailed, Exit(qt::StartWatchDog(L"")));
-    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(tempLog.c_str()));
-    DeleteFileW((qt::KeldDir() + L"\\debug").c_str());
-
     std::vector<qt::Proc> storm;
     for (int i = 0; i < 12; ++i) {
         storm.push_back(qt::StartWatchDog(L""));
