@@ -155,15 +155,16 @@ run_wine() {
 }
 
 session() {
-    local where=$1 helper=$2
+    session_prefix=$1
+    local helper=$2
     shift 2
-    trap '"$0" down "$where" >/dev/null || echo "lifecycle.sh: the prefix teardown failed" >&2' EXIT
+    trap '"$0" down "$session_prefix" >/dev/null || echo "lifecycle.sh: the prefix teardown failed" >&2' EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM
-    "$0" up "$where" "$helper"
+    "$0" up "$session_prefix" "$helper"
     # Through a pipe: on a terminal, Wine's console host would redraw the output character by character.
     local status=0
-    "$0" wine "$where" "$@" | cat || status=$?
+    "$0" wine "$session_prefix" "$@" | cat || status=$?
     return "$status"
 }
 

@@ -1,0 +1,139 @@
+// QoDemo.exe: one life of the real QoWatchDog.exe, told step by step: what was done, what was seen,
+// and the watchdog's log lines each step produced. Exits with 1 at the first step that does not go
+// as told.
+#include <windows.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "Harness.h"
+
+namespace {
+
+ULONGLONG g_start = GetTickCount64();
+size_t g_linesShown = 0;
+qt::Agents g_started;
+
+// Runs one step; `act` returns what it saw, or "" when the step went wrong.
+bool Step(const char* what, const std::function<std::string()>& act) {
+    const std::string seen = act();
+    std::printf("%6.1f s  %-44s %s\n", (GetTickCount64() - g_start) / 1000.0, what,
+                seen.empty() ? "FAILED" : seen.c_str());
+    const qt::Log log = qt::ReadLog();
+    for (; g_linesShown < log.lines.size(); ++g_linesShown) {
+        const qt::Line& line = log.lines[g_linesShown];
+        std::printf("%10s| [%lu] %s%s\n", "", line.pid, line.error ? "[ERROR] " : "", line.message.c_str());
+    }
+    return !seen.empty();
+}
+
+std::string Pid(DWORD pid) { return pid != 0 ? std::to_string(pid) : std::string(); }
+
+std::string NewAgent(const char* what) {
+    return g_started.Wait() ? what + std::string(" ") + Pid(qt::OnlyAgent()) : "";
+}
+
+std::string LineSeen(const std::string& text, size_t count = 1) {
+    return qt::WaitLog(text, count) ? "log: " + text : "";
+}
+
+std::string Exited(const qt::Proc& p, DWORD expected) {
+    const std::optional<DWORD> code = qt::ExitCode(p);
+    return code && *code == expected ? "exit code " + std::to_string(static_cast<int>(*code)) : "";
+}
+
+}  // namespace
+
+int main() {
+    qt::Reset();
+    std::printf(
+        "QoWatchDog under Wine: one life. Time, step, what was seen; the log lines it wrote below.\n\n");
+    qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
+    qt::Proc supervisor, successor, shell;
+    const bool lived =
+        Step("host starts the supervisor",
+             [&] {
+                 supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
+                 return qt::WaitLog("Wait for set start event.") ? "waits at its start gate" : "";
+             }) &&
+        Step("installer sets SetStartEvent=1",
+             [] {
+                 qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1);
+                 return NewAgent("agent started, pid");
+             }) &&
+        Step("the agent crashes (0xC0000005)",
+             [] {
+                 qt::EndAgent(qt::OnlyAgent(), 0xC0000005);
+                 return NewAgent("restarted at once, pid");
+             }) &&
+        Step("the agent ends gracefully (0)",
+             [] {
+                 qt::EndAgent(qt::OnlyAgent(), 0);
+                 return LineSeen("session (1) is off.");
+             }) &&
+        Step("the user logs on again (new shell, Run key)",
+             [&] {
+                 shell = qt::StartHelper(L"explorer.exe", L"idle");
+                 const qt::Proc runKey = qt::StartWatchDog(L"");
+                 return Exited(runKey, 0).empty() ? ""
+                                                  : NewAgent("run-key instance asked for a reload; agent");
+             }) &&
+        Step("Product Adapter: stop",
+             [] {
+                 qt::Signal(qt::kStop);
+                 qt::EndAllAgents(0);
+                 const std::string seen = LineSeen("Wait for All Session Agent. dwRet=0");
+                 qt::ResetAllAgents();
+                 return seen.empty() ? "" : "supervision stopped, agents ended; supervisor still runs";
+             }) &&
+        Step("reload",
+             [] {
+                 qt::Signal(qt::kReload);
+                 return NewAgent("supervision anew, agent");
+             }) &&
+        Step("Product Adapter: terminate",
+             [&] {
+                 qt::Signal(qt::kTerminate);
+                 qt::EndAllAgents(0);
+                 const std::string seen = Exited(supervisor, 0);
+                 qt::ResetAllAgents();
+                 return seen;
+             }) &&
+        Step("host starts a new supervisor",
+             [&] {
+                 supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
+                 return NewAgent("gate open already; agent");
+             }) &&
+        Step("the host process ends",
+             [&] {
+                 TerminateProcess(host.h.get(), 0);
+                 qt::EndAllAgents(0);
+                 const std::string seen = LineSeen("Product Adapter Ombrine Crash Event!!");
+                 qt::ResetAllAgents();
+                 return seen.empty() || !qt::WaitLog("Wait for All Session Agent. dwRet=0", 2)
+                            ? ""
+                            : "final wait, mutex held";
+             }) &&
+        Step("a new host starts a successor",
+             [&] {
+                 host = qt::StartHelper(L"host.exe", L"idle");
+                 const qt::Handle keld = qt::Own(CreateEventW(nullptr, TRUE, FALSE, qt::kKeldRunning));
+                 successor = qt::StartWatchDog(std::to_wstring(host.pid));
+                 const bool keldRuns = WaitForSingleObject(keld.get(), qt::kWaitMs) == WAIT_OBJECT_0;
+                 return keldRuns && !Exited(supervisor, 0).empty()
+                            ? NewAgent("old one started Keld and left; agent")
+                            : "";
+             }) &&
+        Step("Product Adapter: terminate", [&] {
+            qt::Signal(qt::kTerminate);
+            qt::EndAllAgents(0);
+            return Exited(successor, 0);
+        });
+    const qt::Log log = qt::ReadLog();
+    std::printf("\n%s: %zu log lines, %zu ERROR, %zu malformed.\n",
+                lived ? "The life went as told" : "FAILED", log.lines.size(), log.Errors(),
+                log.malformed.size());
+    qt::Reset();
+    return lived ? 0 : 1;
+}
