@@ -1,0 +1,199 @@
+// QoBench.exe: what the watchdog costs under Wine, as ratios of like with like taken in one run.
+//   QoBench.exe [--rounds N] [--sessions 62,620[,3000]] [--crash-seconds S]
+// Every figure is checked against what it counted; a failed check ends the run with exit code 1.
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Harness.h"
+#include "watchdog/QoWatchDog.h"
+#include "watchdog/WatchDog.h"
+
+namespace {
+
+double Now() {
+    LARGE_INTEGER f, c;
+    QueryPerformanceFrequency(&f);
+    QueryPerformanceCounter(&c);
+    return 1000.0 * static_cast<double>(c.QuadPart) / static_cast<double>(f.QuadPart);
+}
+
+double Median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0 : v[v.size() / 2];
+}
+
+[[noreturn]] void Fail(const char* what) {
+    std::printf("FAILED: %s\n", what);
+    qt::Reset();
+    std::exit(1);
+}
+
+std::wstring Agent() { return qt::AgentDir() + L"\\QoSessionAgent.exe"; }
+
+// Restart latency: from the moment the crashed agent's process has ended to the replacement's
+// first instruction, against CreateProcess of the same program to its first instruction.
+void RestartLatency(int rounds) {
+    qt::Agents started(qt::kAgentStarted), ready;
+    qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1);
+    const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
+    const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
+    if (!ready.Wait() || !started.Wait())
+        Fail("no first agent");
+    std::vector<double> restart, bare;
+    for (int i = 0; i < rounds; ++i) {
+        const DWORD pid = qt::OnlyAgent();
+        const qt::Handle agent = qt::Own(OpenProcess(SYNCHRONIZE, FALSE, pid));
+        qt::EndAgent(pid, 1);
+        WaitForSingleObject(agent.get(), qt::kWaitMs);
+        const double ended = Now();
+        if (!started.Wait())
+            Fail("no restart");
+        restart.push_back(Now() - ended);
+        if (!ready.Wait())
+            Fail("restarted agent not ready");
+
+        const double before = Now();
+        const qt::Proc baseline = qt::Start(Agent(), L"", qt::AgentDir());
+        if (!started.Wait())
+            Fail("baseline agent did not start");
+        bare.push_back(Now() - before);
+        if (!ready.Wait() || !qt::EndAgent(baseline.pid, 0) || !qt::ExitCode(baseline))
+            Fail("baseline agent");
+    }
+    qt::Signal(qt::kTerminate);
+    qt::EndAllAgents(0);
+    if (qt::ExitCode(supervisor).value_or(1) != 0)
+        Fail("supervisor did not end with 0");
+    qt::ResetAllAgents();
+    std::printf(
+        "restart latency, %d rounds: watchdog median %.1f ms, CreateProcess median %.1f ms, ratio %.2f\n",
+        rounds, Median(restart), Median(bare), Median(restart) / Median(bare));
+}
+
+// One registration pass in a process of its own (the watchdog and SeAgntMaxNum exist once per
+// process): N sessions whose agent ends at once with 0, so each is switched off and the machine
+// never holds N agents. Prints the milliseconds until every agent has started.
+int RegisterPass(DWORD sessions) {
+    qt::Agents started(qt::kAgentStarted);
+    qt::SetDword(qt::kAgentKey, qt::kImmediate, 0);
+    SetCurrentDirectoryW(qt::PlatformDir().c_str());
+    CWatchDog* pWatchDog = CWatchDog::GetInstance();
+    pWatchDog->Init(Agent().c_str(), qt::AgentDir().c_str());
+    const DWORD shell = qt::Find(L"explorer.exe").front();
+    std::vector<SessionRecord> records;
+    for (DWORD id = 0; id < sessions; ++id)
+        records.push_back(SessionRecord{id, shell, nullptr, false});
+    const double before = Now();
+    pWatchDog->RegisterSessions(records);
+    const bool all = started.Wait(static_cast<int>(sessions), 600000);
+    std::printf("%.1f\n", all ? Now() - before : -1.0);
+    pWatchDog->SetCloseEvent(true);
+    WaitForAllMonitorThreads();
+    return all ? 0 : 1;
+}
+
+void Registration(const std::wstring& self, const std::vector<DWORD>& sizes) {
+    double perSessionAt62 = 0;
+    for (const DWORD n : sizes) {
+        qt::Reset();
+        SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
+        const std::wstring out = qt::Scratch(L"bench") + L"\\pass.txt";
+        const qt::Handle file =
+            qt::Own(CreateFileW(out.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &sa, CREATE_ALWAYS, 0, nullptr));
+        STARTUPINFOW si = {};
+        si.cb = sizeof(si);
+        si.dwFlags = STARTF_USESTDHANDLES;
+        si.hStdOutput = file.get();
+        PROCESS_INFORMATION pi = {};
+        std::wstring line = L"\"" + self + L"\" --register " + std::to_wstring(n);
+        if (!CreateProcessW(self.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+            Fail("pass");
+        const qt::Proc pass{qt::Own(pi.hProcess), pi.dwProcessId};
+        CloseHandle(pi.hThread);
+        if (qt::ExitCode(pass, 900000).value_or(1) != 0)
+            Fail("registration pass");
+        FILE* result = _wfopen(out.c_str(), L"r");
+        double ms = -1;
+        if (result == nullptr || std::fscanf(result, "%lf", &ms) != 1)
+            Fail("pass result");
+        std::fclose(result);
+        const double perSession = ms / n;
+        if (n == 62)
+            perSessionAt62 = perSession;
+        std::printf("registration, N=%lu: %.1f ms per session, ratio to N=62 %.2f\n", n, perSession,
+                    perSessionAt62 > 0 ? perSession / perSessionAt62 : 0.0);
+    }
+}
+
+// Crash loop: an agent that exits with 1 at once, restarted again and again.
+void CrashLoop(DWORD seconds) {
+    qt::Reset();
+    qt::Agents started(qt::kAgentStarted);
+    qt::SetDword(qt::kAgentKey, qt::kImmediate, 1);
+    qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1);
+    const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
+    const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
+    if (!started.Wait())
+        Fail("no first agent");
+    Sleep(seconds * 1000);  // the measured interval itself
+    FILETIME created, ended, kernel, user;
+    GetProcessTimes(supervisor.h.get(), &created, &ended, &kernel, &user);
+    int restarts = 0;
+    while (started.Wait(1, 0))
+        ++restarts;
+    const double cpuMs =
+        (static_cast<double>(kernel.dwLowDateTime) + static_cast<double>(user.dwLowDateTime) +
+         4294967296.0 * (kernel.dwHighDateTime + user.dwHighDateTime)) /
+        10000.0;
+    std::error_code missing;
+    const double bytes =
+        static_cast<double>(std::filesystem::file_size(std::filesystem::path(qt::LogPath()), missing));
+    TerminateProcess(supervisor.h.get(), 0);
+    if (restarts == 0)
+        Fail("no restart in the crash loop");
+    const double bytesPerRestart = bytes / restarts;
+    std::printf(
+        "crash loop, %lu s: %.1f restarts/s, supervisor CPU %.2f ms per restart, %.0f log bytes per restart, "
+        "%.1f hours until the 10,000,000-byte cut\n",
+        seconds, restarts / static_cast<double>(seconds), cpuMs / restarts, bytesPerRestart,
+        10000000.0 / (bytesPerRestart * restarts / seconds) / 3600.0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int rounds = 20;
+    DWORD crashSeconds = 60;
+    std::vector<DWORD> sizes = {62, 620};
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string option = argv[i], value = argv[i + 1];
+        if (option == "--register")
+            return RegisterPass(std::stoul(value));
+        if (option == "--rounds")
+            rounds = std::stoi(value);
+        if (option == "--crash-seconds")
+            crashSeconds = std::stoul(value);
+        if (option == "--sessions") {
+            sizes.clear();
+            for (size_t at = 0; at < value.size(); at = value.find(',', at) + 1) {
+                sizes.push_back(std::stoul(value.substr(at)));
+                if (value.find(',', at) == std::string::npos)
+                    break;
+            }
+        }
+    }
+    wchar_t self[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    qt::Reset();
+    RestartLatency(rounds);
+    Registration(self, sizes);
+    CrashLoop(crashSeconds);
+    qt::Reset();
+    return 0;
+}
