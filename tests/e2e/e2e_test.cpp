@@ -8,8 +8,6 @@
 
 namespace {
 
-std::string Str(DWORD value) { return std::to_string(value); }
-
 DWORD Exit(const qt::Proc& p) { return qt::ExitCode(p).value_or(0xDEAD); }
 
 TEST(Supervisor, WholeLife) {
@@ -29,10 +27,8 @@ TEST(Supervisor, WholeLife) {
     EXPECT_TRUE(qt::Find(L"QoSessionAgent.exe").empty());
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1));
     ASSERT_TRUE(started.Wait());
-    ASSERT_TRUE(qt::WaitLog("Enter WaitForMultipleObjects Main Loop"));
     EXPECT_FALSE(qt::Exists(qt::kStartService));
-    EXPECT_EQ(otherPath + L";", qt::ReadString(qt::kEnvKey, L"Path").value_or(L""))
-        << "own directory removed";
+    EXPECT_EQ(otherPath + L";", qt::ReadString(qt::kEnvKey, L"Path")) << "own directory removed";
 
     // A crash restarts the agent; a graceful end switches the session off, and a log-on with the
     // same shell leaves it off; a new shell brings it back.
@@ -129,20 +125,12 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
                       "event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done",
                       "Another instance is running!!", "Update Event!!", "Watch Dog finished"}));
     EXPECT_EQ(1u, log.Count("Start KELD service."));
-    EXPECT_EQ(1u,
-              log.Count("event BREVANT_START_KELD_WITHOUT_UAC or another watch dog instance still exists"));
 }
 
 // Every start that must not supervise ends with -1 and says why, and starts no agent.
 TEST(Supervisor, Refusals) {
     const std::wstring ini = qt::Scratch(L"platform");
     qt::Handle held;
-    const auto squat = [&](const wchar_t* name, bool asMutex) {
-        return [&held, name, asMutex] {
-            held = qt::Own(asMutex ? CreateMutexW(nullptr, FALSE, name)
-                                   : CreateEventW(nullptr, TRUE, FALSE, name));
-        };
-    };
     struct Case {
         std::function<void()> before;
         std::wstring args;
@@ -161,8 +149,11 @@ TEST(Supervisor, Refusals) {
                                         (ini + L"\\Session_Agent.ini").c_str());
          },
          L"", nullptr, "Fail to get Session Agent path!!"},
-        {squat(qt::kMutex, false), L"", nullptr, "create mutex fail!!"},
-        {squat(qt::kClose, true), L"", nullptr, "CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=6"},
+        // Names held by objects of another type.
+        {[&] { held = qt::Own(CreateEventW(nullptr, TRUE, FALSE, qt::kMutex)); }, L"", nullptr,
+         "create mutex fail!!"},
+        {[&] { held = qt::Own(CreateMutexW(nullptr, FALSE, qt::kClose)); }, L"", nullptr,
+         "CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=6"},
     };
     for (Case& c : cases) {
         SCOPED_TRACE(c.why);
@@ -213,9 +204,10 @@ TEST(Entry, LogLocationsAndRunKeyStorm) {
         EXPECT_EQ(qt::kFailed, Exit(qt::StartWatchDog(L"")));
         const qt::Log log = qt::ReadLog(c.log);
         ASSERT_EQ(c.secondLine.empty() ? 4u : 5u, log.lines.size()) << qt::InOrder(log, {"?"});
-        const std::string second = c.secondLine.empty() ? "Watch Dog started by runkey"
-                                                        : "GetKeldDebugLogPath failed. msg:" + c.secondLine;
-        EXPECT_EQ(0u, log.lines[1].message.rfind(second, 0)) << log.lines[1].message;
+        EXPECT_EQ(0u, log.lines[1].message.rfind(c.secondLine.empty()
+                                                     ? "Watch Dog started by runkey"
+                                                     : "GetKeldDebugLogPath failed. msg:" + c.secondLine,
+                                                 0));
         EXPECT_EQ("Open Watch Dog Reload Event failed. Err=2", log.lines[log.lines.size() - 2].message);
         EXPECT_EQ("Exit Watch Dog From Run Key. nRet=-1", log.lines.back().message);
     }
@@ -225,12 +217,11 @@ TEST(Entry, LogLocationsAndRunKeyStorm) {
     for (int i = 0; i < 12; ++i) {
         storm.push_back(qt::StartWatchDog(L""));
     }
-    std::string codes;
     for (const qt::Proc& p : storm) {
-        codes += Str(Exit(p)) + " ";
+        EXPECT_EQ(qt::kFailed, Exit(p));
     }
     const qt::Log log = qt::ReadLog();
-    EXPECT_EQ(48u, log.lines.size()) << codes;
+    EXPECT_EQ(48u, log.lines.size());
     EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
 }
 

@@ -13,34 +13,18 @@ namespace {
 
 Handle g_exitAll;  // holds the broadcast event set while agents must keep seeing it
 
-ULONGLONG Deadline(DWORD ms) { return GetTickCount64() + ms; }
+// Milliseconds left until a GetTickCount64 deadline.
 DWORD Left(ULONGLONG deadline) {
-    const ULONGLONG now = GetTickCount64();
-    return now < deadline ? static_cast<DWORD>(deadline - now) : 0;
-}
-
-std::wstring FromUtf8(const std::string& text) {
-    std::wstring out(text.size(), L'\0');
-    out.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                       out.data(), static_cast<int>(out.size()))));
-    return out;
+    return static_cast<DWORD>(std::max<LONGLONG>(0, deadline - GetTickCount64()));
 }
 
 // A Unix path from CMake, as Wine shows it on drive Z:.
 std::wstring BuildPath(const char* variable) {
     const char* value = std::getenv(variable);
-    std::wstring path = L"Z:" + FromUtf8(value != nullptr ? value : "");
+    const std::string unix = value != nullptr ? value : "";  // a build directory: ASCII
+    std::wstring path = L"Z:" + std::wstring(unix.begin(), unix.end());
     std::replace(path.begin(), path.end(), L'/', L'\\');
     return path;
-}
-
-void DeleteFiles(const std::wstring& dir, const std::wstring& pattern) {
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((dir + L"\\" + pattern).c_str(), &data);
-    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
-        DeleteFileW((dir + L"\\" + data.cFileName).c_str());
-    }
-    FindClose(find);
 }
 
 std::string ReadBytes(const std::wstring& path) {
@@ -105,11 +89,9 @@ Proc StartWatchDog(const std::wstring& args) { return Start(WatchDogExe(), args,
 
 std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
     DWORD code = 0;
-    if (!p.h || WaitForSingleObject(p.h.get(), ms) != WAIT_OBJECT_0 ||
-        !GetExitCodeProcess(p.h.get(), &code)) {
-        return std::nullopt;
-    }
-    return code;
+    const bool ended =
+        p.h && WaitForSingleObject(p.h.get(), ms) == WAIT_OBJECT_0 && GetExitCodeProcess(p.h.get(), &code);
+    return ended ? std::optional<DWORD>(code) : std::nullopt;
 }
 
 std::vector<DWORD> Find(const std::wstring& exeName) {
@@ -119,8 +101,8 @@ std::vector<DWORD> Find(const std::wstring& exeName) {
     entry.dwSize = sizeof(entry);
     for (BOOL more = Process32FirstW(snapshot.get(), &entry); more;
          more = Process32NextW(snapshot.get(), &entry)) {
-        const bool match = exeName == L"*" || _wcsicmp(entry.szExeFile, exeName.c_str()) == 0;
-        if (match && entry.th32ProcessID != GetCurrentProcessId()) {
+        if ((exeName == L"*" || _wcsicmp(entry.szExeFile, exeName.c_str()) == 0) &&
+            entry.th32ProcessID != GetCurrentProcessId()) {
             pids.push_back(entry.th32ProcessID);
         }
     }
@@ -156,9 +138,12 @@ void Reset() {
     DeleteValue(kInstallKey, L"SetStartEvent");
     DeleteValue(kInstallKey, L"SeAgntMaxNum");
     SetString(kKeldKey, L"InstallDir", KeldDir());
-    DeleteFiles(KeldDir() + L"\\debug", L"*");
-    RemoveDirectoryW((KeldDir() + L"\\debug").c_str());
-    DeleteFiles(AgentDir(), L"agent-*");
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(KeldDir() + L"\\debug"), ignored);
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::filesystem::path(AgentDir()), ignored)) {
+        entry.path().filename().wstring().rfind(L"agent-", 0) == 0 && std::filesystem::remove(entry, ignored);
+    }
 }
 
 bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data) {
@@ -175,15 +160,12 @@ void DeleteValue(const std::wstring& key, const std::wstring& value) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str());
 }
 
-std::optional<std::wstring> ReadString(const std::wstring& key, const std::wstring& value) {
+std::wstring ReadString(const std::wstring& key, const std::wstring& value) {
     wchar_t data[4096] = {};
     DWORD size = sizeof(data) - sizeof(wchar_t);
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(),
-                     RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr, data,
-                     &size) != ERROR_SUCCESS) {
-        return std::nullopt;
-    }
-    return std::wstring(data);
+    RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(), RRF_RT_ANY | RRF_NOEXPAND, nullptr, data,
+                 &size);
+    return data;
 }
 
 bool Signal(const wchar_t* event) {
@@ -194,20 +176,15 @@ bool Signal(const wchar_t* event) {
 bool Exists(const wchar_t* event) { return Own(OpenEventW(SYNCHRONIZE, FALSE, event)) != nullptr; }
 
 Agents::Agents(const wchar_t* semaphore)
-    : m_semaphore(Own(CreateSemaphoreW(nullptr, 0, 1 << 30, semaphore))) {
-    while (WaitForSingleObject(m_semaphore.get(), 0) == WAIT_OBJECT_0) {
-        // counts left by an earlier holder of the name
-    }
-}
+    : m_semaphore(Own(CreateSemaphoreW(nullptr, 0, 1 << 30, semaphore))) {}
 
 bool Agents::Wait(int count, DWORD ms) {
-    const ULONGLONG deadline = Deadline(ms);
-    for (int i = 0; i < count; ++i) {
-        if (WaitForSingleObject(m_semaphore.get(), Left(deadline)) != WAIT_OBJECT_0) {
-            return false;
-        }
+    const ULONGLONG deadline = GetTickCount64() + ms;
+    int taken = 0;
+    while (taken < count && WaitForSingleObject(m_semaphore.get(), Left(deadline)) == WAIT_OBJECT_0) {
+        ++taken;
     }
-    return true;
+    return taken == count;
 }
 
 bool EndAgent(DWORD pid, DWORD code) {
@@ -227,15 +204,8 @@ void ResetAllAgents() {
     g_exitAll.reset();
 }
 
-std::map<std::string, std::wstring> Report(DWORD pid) {
-    std::map<std::string, std::wstring> report;
-    const std::string bytes = ReadBytes(AgentDir() + L"\\agent-" + std::to_wstring(pid) + L".txt");
-    for (size_t at = 0, end; (end = bytes.find("\r\n", at)) != std::string::npos; at = end + 2) {
-        const std::string line = bytes.substr(at, end - at);
-        const size_t eq = line.find('=');
-        report[line.substr(0, eq)] = FromUtf8(line.substr(eq + 1));
-    }
-    return report;
+std::string Report(DWORD pid) {
+    return "\r\n" + ReadBytes(AgentDir() + L"\\agent-" + std::to_wstring(pid) + L".txt");
 }
 
 DWORD OnlyAgent() {
@@ -281,7 +251,7 @@ bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DW
     // Sleeps on changes in the log's directory, or in its parent until the directory is made. The
     // watch is set before each read, so no change between the read and the wait is missed.
     const std::wstring dir = path.substr(0, path.find_last_of(L'\\'));
-    const ULONGLONG deadline = Deadline(ms);
+    const ULONGLONG deadline = GetTickCount64() + ms;
     for (;;) {
         const bool made = GetFileAttributesW(dir.c_str()) != INVALID_FILE_ATTRIBUTES;
         HANDLE change = FindFirstChangeNotificationW(

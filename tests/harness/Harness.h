@@ -5,7 +5,6 @@
 
 #include <windows.h>
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,12 +32,11 @@ inline constexpr wchar_t kClose[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE";
 inline constexpr wchar_t kCloseNoStop[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD";
 inline constexpr wchar_t kStartService[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
 inline constexpr wchar_t kMutex[] = L"Global\\_QO_WATCH_DOG_NAMED_MUTEX";
-inline constexpr wchar_t kLogWriter[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
 
-struct HandleCloser {
+struct CloseHandleOf {
     void operator()(HANDLE h) const { CloseHandle(h); }
 };
-using Handle = std::unique_ptr<void, HandleCloser>;
+using Handle = std::unique_ptr<void, CloseHandleOf>;
 Handle Own(HANDLE h);  // null for null and INVALID_HANDLE_VALUE
 
 // Paths: the build's programs (given by CMake as Unix paths) and the installed client of the prefix.
@@ -60,7 +58,7 @@ Proc Start(const std::wstring& exe, const std::wstring& args = L"", const std::w
 Proc StartWatchDog(const std::wstring& args);
 std::optional<DWORD> ExitCode(const Proc& p, DWORD ms = kWaitMs);
 // qo_helper.exe copied as name into a directory of its own and started with mode ("idle": a host
-// process or, named explorer.exe, a shell; "hold <mutex>").
+// process or, named explorer.exe, a shell).
 Proc StartHelper(const std::wstring& name, const std::wstring& mode);
 // Pids of the processes whose executable name is exactly this (any case); "*" for all.
 std::vector<DWORD> Find(const std::wstring& exeName);
@@ -72,7 +70,7 @@ bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data);
 bool SetString(const std::wstring& key, const std::wstring& value, const std::wstring& data,
                DWORD type = REG_SZ);
 void DeleteValue(const std::wstring& key, const std::wstring& value);
-std::optional<std::wstring> ReadString(const std::wstring& key, const std::wstring& value);
+std::wstring ReadString(const std::wstring& key, const std::wstring& value);  // empty when missing
 
 bool Signal(const wchar_t* event);  // sets an existing event
 bool Exists(const wchar_t* event);
@@ -89,8 +87,8 @@ private:
 bool EndAgent(DWORD pid, DWORD code);
 void EndAllAgents(DWORD code);  // also every agent started while it stays set
 void ResetAllAgents();
-std::map<std::string, std::wstring> Report(DWORD pid);
-DWORD OnlyAgent();  // the one running agent, 0 unless exactly one runs
+std::string Report(DWORD pid);  // the agent's report, "\r\n" before and after each key=value line
+DWORD OnlyAgent();              // the one running agent, 0 unless exactly one runs
 
 struct Line {
     DWORD pid = 0;

@@ -1,5 +1,5 @@
-// qo_helper.exe: the session agent, host process, shell, desktop keeper, Keld service and mutex
-// holder of the tests, the demo and the benchmark (Protocol.h).
+// qo_helper.exe: the session agent, host process, shell, desktop keeper and Keld service
+// of the tests, the demo and the benchmark (Protocol.h).
 #include <windows.h>
 
 #include <string>
@@ -29,8 +29,8 @@ bool ReadCode(const std::wstring& name, DWORD& code) {
 }
 
 void Notify(const wchar_t* name) {
-    HANDLE h = OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, name);
-    ReleaseSemaphore(h, 1, nullptr) || SetEvent(OpenEventW(EVENT_MODIFY_STATE, FALSE, name));
+    ReleaseSemaphore(OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, name), 1, nullptr) ||
+        SetEvent(OpenEventW(EVENT_MODIFY_STATE, FALSE, name));
 }
 
 std::wstring NameOf(HANDLE object) {
@@ -39,7 +39,6 @@ std::wstring NameOf(HANDLE object) {
     return name;
 }
 
-// Written aside and renamed, so a reader never sees half a report.
 void WriteReport(const std::wstring& pid) {
     static wchar_t text[32768];
     DWORD session = 0;
@@ -56,11 +55,10 @@ void WriteReport(const std::wstring& pid) {
     GetModuleFileNameW(nullptr, text, MAX_PATH);
     std::wstring path(text);
     path = path.substr(0, path.find_last_of(L'\\') + 1) + L"agent-" + pid + L".txt";
-    HANDLE file = CreateFileW((path + L".tmp").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     DWORD written = 0;
     WriteFile(file, report.data(), static_cast<DWORD>(report.size()), &written, nullptr);
     CloseHandle(file);
-    MoveFileExW((path + L".tmp").c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING);
 }
 
 int Agent() {
@@ -88,7 +86,6 @@ void Report(DWORD state) {
 
 DWORD WINAPI OnControl(DWORD control, DWORD, LPVOID, LPVOID) {
     if (control == SERVICE_CONTROL_STOP) {
-        Report(SERVICE_STOP_PENDING);
         SetEvent(g_stop);
     }
     return NO_ERROR;
@@ -114,9 +111,6 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR cmdLine, int) {
         return StartServiceCtrlDispatcherW(table) ? 0 : 1;
     } else if (mode == L"keeper") {
         GetDesktopWindow();
-    } else if (mode.rfind(L"hold ", 0) == 0) {
-        WaitForSingleObject(CreateMutexW(nullptr, FALSE, mode.substr(5).c_str()), INFINITE);
-        Notify(qt::kHeld);
     }
     Sleep(INFINITE);
     return 0;
