@@ -139,11 +139,11 @@ TEST(Supervisor, Refusals) {
     } cases[] = {
         {[&] { held = qt::Own(CreateEventW(nullptr, FALSE, TRUE, qt::kTerminate)); }, L"", nullptr,
          "Product Adapter notifies Watch Dog to terminate."},
-        {nullptr, L"", [](const qt::Proc&) { qt::Signal(qt::kTerminate); },
+        {[] {}, L"", [](const qt::Proc&) { qt::Signal(qt::kTerminate); },
          "service notify terminate while installation."},
-        {nullptr, L"", [](const qt::Proc& host) { TerminateProcess(host.h.get(), 0); },
+        {[] {}, L"", [](const qt::Proc& host) { TerminateProcess(host.h.get(), 0); },
          "Service process is shutdown."},
-        {nullptr, L"-5", nullptr, "OpenProcess dwPID=4294967291 , Err="},
+        {[] {}, L"-5", nullptr, "OpenProcess dwPID=4294967291 , Err="},
         {[&] {
              WritePrivateProfileStringW(L"Session_Agent", L"Path", L"agent",
                                         (ini + L"\\Session_Agent.ini").c_str());
@@ -160,9 +160,7 @@ TEST(Supervisor, Refusals) {
         qt::Reset();
         ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", c.during ? 0 : 1));
         const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
-        if (c.before) {
-            c.before();
-        }
+        c.before();
         const bool noIni = c.why.rfind("Fail to get", 0) == 0;
         const qt::Proc watchdog =
             qt::Start(qt::WatchDogExe(), c.args.empty() ? std::to_wstring(host.pid) : c.args,
@@ -181,9 +179,7 @@ TEST(Supervisor, Refusals) {
 // Where the log goes, told by run-key instances (no supervisor to notify: -1), and many of them at
 // one log-on writing at once without a torn line.
 TEST(Entry, LogLocationsAndRunKeyStorm) {
-    wchar_t temp[MAX_PATH] = {};
-    GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH);
-    const std::wstring tempLog = std::wstring(temp) + L"\\QoWatchDog.log";
+    const std::wstring tempLog = std::wstring(_wgetenv(L"TEMP")) + L"\\QoWatchDog.log";
     struct Case {
         std::function<void()> setUp;
         std::wstring log;
