@@ -38,9 +38,26 @@ std::string LineSeen(const std::string& text, size_t count = 1) {
     return qt::WaitLog(text, count) ? "log: " + text : "";
 }
 
+// The n-th close of supervision: once the monitor has seen it, the agents are asked to end (earlier,
+// their end would count as graceful), and the monitor then sees them gone.
+std::string Closed(size_t n, const std::string& what) {
+    const bool closed = qt::WaitLog("KELD Stop", n);
+    qt::EndAllAgents(0);
+    const bool ended = closed && qt::WaitLog("Wait for All Session Agent. dwRet=0", n);
+    qt::ResetAllAgents();
+    return ended ? what : "";
+}
+
 std::string Exited(const qt::Proc& p, DWORD expected) {
     const std::optional<DWORD> code = qt::ExitCode(p);
     return code && *code == expected ? "exit code " + std::to_string(static_cast<int>(*code)) : "";
+}
+
+// Terminate: the n-th close, then the supervisor's end.
+std::string Terminated(size_t n, const qt::Proc& supervisor) {
+    const std::string closed = Closed(n, "agents ended, ");
+    const std::string exited = closed.empty() ? closed : Exited(supervisor, 0);
+    return exited.empty() ? exited : closed + exited;
 }
 
 }  // namespace
@@ -82,10 +99,7 @@ int main() {
         Step("Product Adapter: stop",
              [] {
                  qt::Signal(qt::kStop);
-                 qt::EndAllAgents(0);
-                 const std::string seen = LineSeen("Wait for All Session Agent. dwRet=0");
-                 qt::ResetAllAgents();
-                 return seen.empty() ? "" : "supervision stopped, agents ended; supervisor still runs";
+                 return Closed(1, "supervision stopped, agents ended; supervisor still runs");
              }) &&
         Step("reload",
              [] {
@@ -95,10 +109,7 @@ int main() {
         Step("Product Adapter: terminate",
              [&] {
                  qt::Signal(qt::kTerminate);
-                 qt::EndAllAgents(0);
-                 const std::string seen = Exited(supervisor, 0);
-                 qt::ResetAllAgents();
-                 return seen;
+                 return Terminated(2, supervisor);
              }) &&
         Step("host starts a new supervisor",
              [&] {
@@ -108,12 +119,7 @@ int main() {
         Step("the host process ends",
              [&] {
                  TerminateProcess(host.h.get(), 0);
-                 qt::EndAllAgents(0);
-                 const std::string seen = LineSeen("Product Adapter Ombrine Crash Event!!");
-                 qt::ResetAllAgents();
-                 return seen.empty() || !qt::WaitLog("Wait for All Session Agent. dwRet=0", 2)
-                            ? ""
-                            : "final wait, mutex held";
+                 return Closed(3, "agents ended; final wait, mutex held");
              }) &&
         Step("a new host starts a successor",
              [&] {
@@ -127,8 +133,7 @@ int main() {
              }) &&
         Step("Product Adapter: terminate", [&] {
             qt::Signal(qt::kTerminate);
-            qt::EndAllAgents(0);
-            return Exited(successor, 0);
+            return Terminated(4, successor);
         });
     const qt::Log log = qt::ReadLog();
     std::printf("\n%s: %zu log lines, %zu ERROR, %zu malformed.\n",

@@ -125,17 +125,13 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
     SetEnvironmentVariableW(L"ProgramW6432", L"C:\\Watchdog's PF");
     wchar_t station[64] = {};
     GetUserObjectInformationW(GetProcessWindowStation(), UOI_NAME, station, sizeof(station), nullptr);
-    const auto notImpersonating = [] {
-        HANDLE token = nullptr;
-        return !OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token) &&
-               GetLastError() == ERROR_NO_TOKEN;
-    };
+    HANDLE token = nullptr;  // a thread token would mean the launch left impersonation on
     qt::Agents started;
     SessionRecord rec = Session(1, qt::Find(L"explorer.exe").front());
     ASSERT_TRUE(CreateSessionAgent(qt::AgentDir() + L"\\QoSessionAgent.exe", qt::AgentDir(), rec));
     qt::Handle agent = qt::Own(rec.hAgentProcess);
     ASSERT_TRUE(started.Wait());
-    EXPECT_TRUE(notImpersonating());
+    EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token));
     const std::string report = qt::Report(GetProcessId(agent.get()));
     for (const std::wstring& line : {L"cwd=" + qt::AgentDir(), L"Path=" + qt::PlatformDir() + L";",
                                      std::wstring(L"ProgramW6432=C:\\Watchdog's PF"),
@@ -146,7 +142,7 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
 
     SessionRecord missing = Session(7, qt::Find(L"explorer.exe").front());
     EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\Missing.exe", qt::AgentDir(), missing));
-    EXPECT_TRUE(notImpersonating());
+    EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token));
     wchar_t after[64] = {};
     GetUserObjectInformationW(GetProcessWindowStation(), UOI_NAME, after, sizeof(after), nullptr);
     EXPECT_STREQ(station, after);
@@ -195,6 +191,7 @@ TEST(Monitors, BatchesLimitAgentGoneAndClose) {
     EXPECT_EQ(1, CWatchDog::GetRefCount());
     CWatchDog::ReleaseInstance();
     EXPECT_EQ(0, CWatchDog::GetRefCount());
+    EXPECT_FALSE(qt::Exists(qt::kClose)) << "the last release closes the watchdog's events";
     const qt::Log lines = qt::ReadLog(log);
     EXPECT_EQ(1u, lines.Count("m_shpSessionManager->IsCreated Ret=-1"));
     EXPECT_EQ("", qt::InOrder(lines, {"Load SeAgntMaxNum=2", "session (3) is off.",

@@ -82,6 +82,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     const qt::Proc first = qt::StartWatchDog(std::to_wstring(host.pid));
     ASSERT_TRUE(started.Wait());
     ASSERT_TRUE(qt::Signal(qt::kAgentsAndWait));
+    ASSERT_TRUE(qt::WaitLog("KELD Stop"));  // agents ending before it would end gracefully
     qt::EndAllAgents(0);
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
@@ -93,7 +94,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     const qt::Proc second = qt::StartWatchDog(std::to_wstring(host.pid));
     ASSERT_TRUE(started.Wait());
     TerminateProcess(host.h.get(), 0);
-    ASSERT_TRUE(qt::WaitLog("Product Adapter Ombrine Crash Event!!"));
+    ASSERT_TRUE(qt::WaitLog("KELD Stop", 2));
     qt::EndAllAgents(0);
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0", 2));
     qt::ResetAllAgents();
