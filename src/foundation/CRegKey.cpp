@@ -5,31 +5,26 @@
 #include <boost/shared_ptr.hpp>
 
 LONG CRegKey::Open(HKEY hParent, const wchar_t* pszSubKey, REGSAM samDesired) {
-    HKEY hKey = nullptr;
-    LONG lResult = RegOpenKeyExW(hParent, pszSubKey, 0, samDesired | KEY_WOW64_64KEY, &hKey);
+    CRegKeyHandle key;
+    LONG lResult = RegOpenKeyExW(hParent, pszSubKey, 0, samDesired | KEY_WOW64_64KEY, key.Receive());
     if (lResult != ERROR_SUCCESS) {
-        lResult = RegOpenKeyExW(hParent, pszSubKey, 0, samDesired, &hKey);
+        lResult = RegOpenKeyExW(hParent, pszSubKey, 0, samDesired, key.Receive());
     }
     if (lResult != ERROR_SUCCESS) {
         return lResult;
     }
-    Close();
-    m_hKey = hKey;
+    m_hKey.Reset(key.Release());
     return ERROR_SUCCESS;
 }
 
 LONG CRegKey::Close() {
-    if (m_hKey == nullptr) {
-        return ERROR_SUCCESS;
-    }
-    const LONG lResult = RegCloseKey(m_hKey);
-    m_hKey = nullptr;
-    return lResult;
+    // The close's own status is the result, so the key leaves its owner to be closed here.
+    return m_hKey.IsValid() ? RegCloseKey(m_hKey.Release()) : ERROR_SUCCESS;
 }
 
 LONG CRegKey::QueryValue(const wchar_t* pszName, std::wstring& strOut) {
     DWORD cbData = 0;
-    LONG lResult = RegQueryValueExW(m_hKey, pszName, nullptr, nullptr, nullptr, &cbData);
+    LONG lResult = RegQueryValueExW(m_hKey.Get(), pszName, nullptr, nullptr, nullptr, &cbData);
     if (lResult != ERROR_SUCCESS) {
         return lResult;
     }
@@ -38,7 +33,7 @@ LONG CRegKey::QueryValue(const wchar_t* pszName, std::wstring& strOut) {
     if (!shpData) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    lResult = RegQueryValueExW(m_hKey, pszName, nullptr, nullptr, shpData.get(), &cbData);
+    lResult = RegQueryValueExW(m_hKey.Get(), pszName, nullptr, nullptr, shpData.get(), &cbData);
     if (lResult != ERROR_SUCCESS) {
         return lResult;
     }
@@ -54,9 +49,10 @@ LONG CRegKey::QueryValue(const wchar_t* pszName, std::wstring& strOut) {
 }
 
 LONG CRegKey::SetValue(const wchar_t* pszName, const wchar_t* pszText) {
-    if (pszText == nullptr || m_hKey == nullptr) {
+    if (pszText == nullptr || !m_hKey.IsValid()) {
         return ERROR_INVALID_DATA;
     }
     const DWORD cbData = static_cast<DWORD>((wcslen(pszText) + 1) * sizeof(wchar_t));
-    return RegSetValueExW(m_hKey, pszName, 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(pszText), cbData);
+    return RegSetValueExW(m_hKey.Get(), pszName, 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(pszText),
+                          cbData);
 }

@@ -6,11 +6,13 @@
 
 #include <boost/noncopyable.hpp>
 
+#include "foundation/ScopedHandle.h"
+
 // Owner of at most one open registry key. Results are Win32 status codes.
 class CRegKey : private boost::noncopyable {
 public:
-    CRegKey() : m_hKey(nullptr) {}
-    ~CRegKey() { Close(); }
+    CRegKey() {}
+    virtual ~CRegKey() {}
 
     // Asks for the 64-bit view first and, failing that, for the key as the access alone gives it.
     // On failure the key held so far stays held.
@@ -22,8 +24,8 @@ public:
     // Stores the text as REG_EXPAND_SZ, whatever the value's type was before.
     LONG SetValue(const wchar_t* pszName, const wchar_t* pszText);
 
-    HKEY GetHandle() const { return m_hKey; }
+    HKEY GetHandle() const { return m_hKey.Get(); }
 
 private:
-    HKEY m_hKey;
+    CRegKeyHandle m_hKey;
 };

@@ -2,8 +2,8 @@
 
 #include <windows.h>
 
-// One interactive user session, found by its explorer.exe. Copied by value; the copy kept in a
-// monitor's session table is the one that owns hAgentProcess.
+// One interactive user session, found by its explorer.exe. Copied by value; a new agent's handle
+// comes back in hAgentProcess and passes at once to the owner of the monitor's session table.
 struct SessionRecord {
     DWORD dwSessionId;     // session id of the session's explorer.exe
     DWORD dwExplorerPid;   // that explorer.exe; the agent is started with its token

@@ -2,12 +2,12 @@
 
 #include <windows.h>
 
+#include "foundation/ScopedHandle.h"
+
 void TrimWorkingSet() {
-    HANDLE hProcess =
-        OpenProcess(PROCESS_SET_QUOTA | PROCESS_QUERY_INFORMATION, FALSE, GetCurrentProcessId());
-    if (hProcess == nullptr) {
-        return;
+    const CKernelHandle process(
+        OpenProcess(PROCESS_SET_QUOTA | PROCESS_QUERY_INFORMATION, FALSE, GetCurrentProcessId()));
+    if (process.IsValid()) {
+        SetProcessWorkingSetSize(process.Get(), static_cast<SIZE_T>(-1), static_cast<SIZE_T>(-1));
     }
-    SetProcessWorkingSetSize(hProcess, static_cast<SIZE_T>(-1), static_cast<SIZE_T>(-1));
-    CloseHandle(hProcess);
 }

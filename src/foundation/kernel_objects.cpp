@@ -34,42 +34,23 @@ DefSecAttr::~DefSecAttr() {}
 CEvent::CEvent(const std::wstring& strName, bool bManualReset, LPSECURITY_ATTRIBUTES pAttributes)
     : m_hEvent(CreateEventW(pAttributes, bManualReset ? TRUE : FALSE, FALSE, strName.c_str())) {}
 
-CEvent::~CEvent() {
-    HANDLE hEvent = m_hEvent;
-    m_hEvent = nullptr;
-    if (hEvent != nullptr) {
-        CloseHandle(hEvent);
-    }
-}
-
-bool CEvent::Set() { return m_hEvent != nullptr && SetEvent(m_hEvent) != FALSE; }
+bool CEvent::Set() { return m_hEvent.IsValid() && SetEvent(m_hEvent.Get()) != FALSE; }
 
 bool CEvent::Exists(const std::wstring& strName, DWORD* pdwError) {
-    HANDLE hEvent = OpenEventW(EVENT_ALL_ACCESS, FALSE, strName.c_str());
-    if (hEvent == nullptr) {
-        if (pdwError != nullptr) {
-            *pdwError = GetLastError();
-        }
-        return false;
+    const CKernelHandle event(OpenEventW(EVENT_ALL_ACCESS, FALSE, strName.c_str()));
+    if (!event.IsValid() && pdwError != nullptr) {
+        *pdwError = GetLastError();
     }
-    CloseHandle(hEvent);
-    return true;
+    return event.IsValid();
 }
 
 namespace BrevantUtility {
 namespace OperationSystem {
 
-CMutex::CMutex(const std::wstring& strName) : m_hMutex(nullptr), m_strName(strName) {}
-
-CMutex::~CMutex() { Close(); }
+CMutex::CMutex(const std::wstring& strName) : m_strName(strName) {}
 
 bool CMutex::Exists() const {
-    HANDLE hMutex = OpenMutexW(SYNCHRONIZE, FALSE, m_strName.c_str());
-    if (hMutex == nullptr) {
-        return false;
-    }
-    CloseHandle(hMutex);
-    return true;
+    return CKernelHandle(OpenMutexW(SYNCHRONIZE, FALSE, m_strName.c_str())).IsValid();
 }
 
 bool CMutex::Create() {
@@ -77,19 +58,14 @@ bool CMutex::Create() {
     if (!Exists()) {
         // No descriptor: the creator's default security, with an inheritable handle.
         SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-        m_hMutex = CreateMutexW(&sa, FALSE, m_strName.c_str());
+        m_hMutex.Reset(CreateMutexW(&sa, FALSE, m_strName.c_str()));
     } else {
-        m_hMutex = OpenMutexW(SYNCHRONIZE, FALSE, m_strName.c_str());
+        m_hMutex.Reset(OpenMutexW(SYNCHRONIZE, FALSE, m_strName.c_str()));
     }
-    return m_hMutex != nullptr;
+    return m_hMutex.IsValid();
 }
 
-void CMutex::Close() {
-    if (m_hMutex != nullptr) {
-        CloseHandle(m_hMutex);
-        m_hMutex = nullptr;
-    }
-}
+void CMutex::Close() { m_hMutex.Close(); }
 
 }  // namespace OperationSystem
 }  // namespace BrevantUtility

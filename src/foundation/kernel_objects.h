@@ -7,6 +7,8 @@
 #include <boost/noncopyable.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include "foundation/ScopedHandle.h"
+
 // The names of the kernel objects through which the watchdog meets the other client components,
 // its run-key instances and a successor supervisor. The names are the contract: exact.
 #define EVENT_ID_BREVANT_TERMINATE_WATCHDOG L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG"
@@ -45,18 +47,18 @@ public:
     // An existing event keeps its reset mode, state and security: bManualReset and pAttributes
     // then have no effect. The handle is null when the event can be neither created nor opened.
     CEvent(const std::wstring& strName, bool bManualReset, LPSECURITY_ATTRIBUTES pAttributes = nullptr);
-    ~CEvent();
+    virtual ~CEvent() {}
 
-    bool IsValid() const { return m_hEvent != nullptr; }
+    bool IsValid() const { return m_hEvent.IsValid(); }
     bool Set();
-    HANDLE GetHandle() const { return m_hEvent; }
+    HANDLE GetHandle() const { return m_hEvent.Get(); }
 
     // True when the event can be opened with full access; an event that exists but denies that
     // access counts as absent. The open's error code goes to *pdwError when given.
     static bool Exists(const std::wstring& strName, DWORD* pdwError = nullptr);
 
 private:
-    HANDLE m_hEvent;
+    CKernelHandle m_hEvent;
 };
 
 namespace BrevantUtility {
@@ -66,14 +68,14 @@ namespace OperationSystem {
 class CMutex : private boost::noncopyable {
 public:
     explicit CMutex(const std::wstring& strName);
-    virtual ~CMutex();
+    virtual ~CMutex() {}
 
     bool Exists() const;
     bool Create();
     void Close();
 
 private:
-    HANDLE m_hMutex;
+    CKernelHandle m_hMutex;
     std::wstring m_strName;
 };
 

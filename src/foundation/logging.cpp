@@ -6,13 +6,13 @@
 
 #include <string>
 
+#include "foundation/NeverDestroyed.h"
 #include "foundation/ScopedHandle.h"
 
 namespace {
 
-// Constructed in this order and destroyed in the reverse one: the lock goes before the logger.
-logging<wchar_t> g_logger;
-CSLock g_logLock;
+CNeverDestroyed<logging<wchar_t>> g_logger;
+CNeverDestroyed<CSLock> g_logLock;
 
 // The file is UTF-8 without a byte-order mark, with CR LF line ends: every character of a line
 // reaches the file, whatever the user's names and paths hold.
@@ -39,51 +39,61 @@ std::string ToFileText(const wchar_t* pszText) {
 
 // The supervisor and the run-key instances write the same log. Appends from several processes
 // are not atomic everywhere (Wine loses and tears lines), so each line's whole turn - size check,
-// cut and append - holds this mutex. It is open to every session's processes; without it (when it
-// cannot be had) lines are still written, just without the guard.
+// cut and append - holds this mutex. It is open to every session's processes, so any of them can
+// hold it for good: a turn waits for it at most LOG_WRITER_WAIT_MS, and after one such wait the
+// writer no longer waits until it has the mutex again. Without it lines are still written, just
+// without the guard.
 const wchar_t LOG_WRITER_MUTEX[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
 const wchar_t LOG_WRITER_SDDL[] = L"D:(A;;GA;;;WD)(A;;GA;;;SY)";
+const DWORD LOG_WRITER_WAIT_MS = 2000;
 
 HANDLE CreateLogWriterMutex() {
-    PSECURITY_DESCRIPTOR pDescriptor = nullptr;
-    ConvertStringSecurityDescriptorToSecurityDescriptorW(LOG_WRITER_SDDL, SDDL_REVISION_1, &pDescriptor,
-                                                         nullptr);
-    SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), pDescriptor, FALSE};
+    CLocalMemory descriptor;
+    ConvertStringSecurityDescriptorToSecurityDescriptorW(LOG_WRITER_SDDL, SDDL_REVISION_1,
+                                                         descriptor.Receive(), nullptr);
+    SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), descriptor.Get(), FALSE};
     HANDLE hMutex = CreateMutexW(&sa, FALSE, LOG_WRITER_MUTEX);
-    if (hMutex == nullptr) {
-        hMutex = OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, LOG_WRITER_MUTEX);
-    }
-    if (pDescriptor != nullptr) {
-        LocalFree(pDescriptor);
-    }
-    return hMutex;
+    return hMutex != nullptr ? hMutex : OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, LOG_WRITER_MUTEX);
 }
 
+// Kept open for the life of the process, whose end closes it: threads may log until then.
 HANDLE LogWriterMutex() {
-    static const CScopedHandle s_mutex(CreateLogWriterMutex());
-    return s_mutex.Get();
+    static const HANDLE s_hMutex = CreateLogWriterMutex();
+    return s_hMutex;
 }
+
+// Set while another process keeps the mutex past the bounded wait; read and written under the log
+// lock only.
+bool g_bWriterMutexStuck = false;
 
 // Holds the writers' mutex for one line; an owner that died mid-line leaves it abandoned, which
-// still hands it over.
+// still hands it over. False from Held() when the line goes out without it.
 class CLogWriterTurn : private boost::noncopyable {
 public:
     explicit CLogWriterTurn(HANDLE hMutex) : m_hMutex(nullptr) {
-        if (hMutex != nullptr) {
-            const DWORD dwWait = WaitForSingleObject(hMutex, INFINITE);
-            if (dwWait == WAIT_OBJECT_0 || dwWait == WAIT_ABANDONED) {
-                m_hMutex = hMutex;
-            }
+        if (hMutex == nullptr) {
+            return;
+        }
+        const DWORD dwWait = WaitForSingleObject(hMutex, g_bWriterMutexStuck ? 0 : LOG_WRITER_WAIT_MS);
+        if (dwWait == WAIT_OBJECT_0 || dwWait == WAIT_ABANDONED) {
+            m_hMutex = hMutex;
+            g_bWriterMutexStuck = false;
+        } else if (!g_bWriterMutexStuck) {
+            g_bWriterMutexStuck = true;
+            m_bJustStuck = true;
         }
     }
-    ~CLogWriterTurn() {
+    virtual ~CLogWriterTurn() {
         if (m_hMutex != nullptr) {
             ReleaseMutex(m_hMutex);
         }
     }
+    // True for the one turn that found the mutex held past the wait.
+    bool JustStuck() const { return m_bJustStuck; }
 
 private:
     HANDLE m_hMutex;
+    bool m_bJustStuck = false;
 };
 
 // Opened for appending, sharing reading and writing: log viewers and the other watchdog processes
@@ -96,9 +106,9 @@ HANDLE OpenForAppend(const std::wstring& strPath) {
 
 }  // namespace
 
-logging<wchar_t>& GetLogger() { return g_logger; }
+logging<wchar_t>& GetLogger() { return g_logger.Get(); }
 
-CSLock& GetLogLock() { return g_logLock; }
+CSLock& GetLogLock() { return g_logLock.Get(); }
 
 logging<wchar_t>::logging()
     : m_settings{20, std::wstring()},
@@ -113,6 +123,11 @@ logging<wchar_t>::logging()
 logging<wchar_t>::~logging() { m_settings.strFile.clear(); }
 
 void logging<wchar_t>::set_level(INT32 nLevel) { m_settings.nThreshold = nLevel; }
+
+std::wostream& logging<wchar_t>::begin_line20() {
+    m_stream20.discard();
+    return m_stream20;
+}
 
 void logging<wchar_t>::set_file(const wchar_t* pszPath) {
     if (pszPath == nullptr) {
@@ -134,7 +149,7 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
     // The file is opened and closed for every line, so nothing is held between lines and a
     // process killed right after a statement has lost nothing of it.
     const CLogWriterTurn turn(LogWriterMutex());
-    CScopedHandle file(OpenForAppend(pSettings->strFile));
+    CKernelHandle file(OpenForAppend(pSettings->strFile));
     if (!file.IsValid()) {
         return;  // lost; the next line tries again
     }
@@ -151,12 +166,18 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
             return;
         }
     }
-    const std::string strText = ToFileText(pszText);
+    std::wstring strLine(pszText);
+    if (turn.JustStuck()) {
+        strLine = CLogStatement::Head(LogSourceName(__FILE__), __LINE__, true) + L"Log writer mutex " +
+                  LOG_WRITER_MUTEX + L" held by another process for " + std::to_wstring(LOG_WRITER_WAIT_MS) +
+                  L" ms, lines are written without it\n" + strLine;
+    }
+    const std::string strText = ToFileText(strLine.c_str());
     DWORD cbWritten = 0;
     WriteFile(file.Get(), strText.data(), static_cast<DWORD>(strText.size()), &cbWritten, nullptr);
 }
 
-CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_guard(&GetLogLock()) {
+std::wstring CLogStatement::Head(const char* pszSource, int nLine, bool bError) {
     const __time64_t tNow = _time64(nullptr);
     char szTime[32] = {};
     std::string strTime;
@@ -166,16 +187,15 @@ CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_
             strTime.erase(strTime.size() - 1);  // ctime ends its text with a newline
         }
     }
-
-    std::wostream& os = GetLogger().stream20();
-    os << L'[';
-    for (const char c : strTime) {
-        os << static_cast<wchar_t>(static_cast<unsigned char>(c));
-    }
-    os << L"][" << _getpid() << L"][Pellisk][.\\";
+    std::wstring strHead = L"[" + std::wstring(strTime.begin(), strTime.end()) + L"][" +
+                           std::to_wstring(_getpid()) + L"][Pellisk][.\\";
     // The source field is the file's name without its extension, as in [.\QoWatchDog].
     for (const char* p = pszSource; *p != '\0' && *p != '.'; ++p) {
-        os << static_cast<wchar_t>(static_cast<unsigned char>(*p));
+        strHead += static_cast<wchar_t>(static_cast<unsigned char>(*p));
     }
-    os << L"][" << nLine << L']' << (bError ? L"[ERROR]" : L"[INFO]");
+    return strHead + L"][" + std::to_wstring(nLine) + L"]" + (bError ? L"[ERROR]" : L"[INFO]");
+}
+
+CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_guard(&GetLogLock()) {
+    GetLogger().begin_line20() << Head(pszSource, nLine, bError);
 }

@@ -56,6 +56,12 @@ public:
     }
     ~log_stream() override { rdbuf(nullptr); }
 
+    // Drops any text not yet written and clears the stream's error state.
+    void discard() {
+        m_buf.str(std::wstring());
+        clear();
+    }
+
 private:
     log_stringbuf<L> m_buf;
 };
@@ -75,6 +81,9 @@ public:
     virtual void set_file(const wchar_t* pszPath);
 
     std::wostream& stream20() { return m_stream20; }
+    // The level-20 stream emptied and in a good state: a statement that failed half-way (a failed
+    // allocation, say) leaves neither an error state nor half a line for the next one.
+    std::wostream& begin_line20();
     const std::wstring& file() const { return m_settings.strFile; }
 
 private:
@@ -109,14 +118,21 @@ public:
 
     std::wostream& Stream() { return GetLogger().stream20(); }
 
+    // The line's head, as the statement's first text: [time][pid][Pellisk][.\source][line][LEVEL].
+    static std::wstring Head(const char* pszSource, int nLine, bool bError);
+
 private:
     Guard<CSLock> m_guard;
 };
 
-#define QO_LOG_STATEMENT(bError, message)                                          \
-    do {                                                                           \
-        CLogStatement qoLogStatement(LogSourceName(__FILE__), __LINE__, (bError)); \
-        qoLogStatement.Stream() << message << std::endl;                           \
+// A statement never fails its caller: what it cannot write (no memory for the text) is lost.
+#define QO_LOG_STATEMENT(bError, message)                                              \
+    do {                                                                               \
+        try {                                                                          \
+            CLogStatement qoLogStatement(LogSourceName(__FILE__), __LINE__, (bError)); \
+            qoLogStatement.Stream() << message << std::endl;                           \
+        } catch (...) {                                                                \
+        }                                                                              \
     } while (false)
 
 // A message is a chain of values for the stream: LOG_ERROR(L"OpenProcess Err=" << dwErr).

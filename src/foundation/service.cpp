@@ -3,44 +3,19 @@
 namespace BrevantUtility {
 namespace Service {
 
-Base::~Base() {
-    if (m_hSCManager != nullptr) {
-        if (m_hService != nullptr && CloseServiceHandle(m_hService)) {
-            m_hService = nullptr;
-        }
-        if (CloseServiceHandle(m_hSCManager)) {
-            m_hSCManager = nullptr;
-        }
-    }
-}
-
 bool Control::Start(const std::wstring& strServiceName) {
-    SC_HANDLE hManager = OpenSCManagerW(nullptr, nullptr, GENERIC_READ);
-    if (hManager == nullptr) {
+    m_hSCManager.Reset(OpenSCManagerW(nullptr, nullptr, GENERIC_READ));
+    if (!m_hSCManager.IsValid()) {
         return true;
     }
-    SC_HANDLE hService = OpenServiceW(hManager, strServiceName.c_str(), SERVICE_ALL_ACCESS);
-    if (hService == nullptr) {
-        const DWORD dwErr = GetLastError();
-        CloseServiceHandle(hManager);
-        SetLastError(dwErr);
+    m_hService.Reset(OpenServiceW(m_hSCManager.Get(), strServiceName.c_str(), SERVICE_ALL_ACCESS));
+    if (!m_hService.IsValid()) {
         return true;
     }
-
-    DWORD dwFailure = ERROR_SUCCESS;
     SERVICE_STATUS status = {};
-    if (!QueryServiceStatus(hService, &status)) {
-        dwFailure = GetLastError();
-    } else if (status.dwCurrentState != SERVICE_RUNNING && status.dwCurrentState != SERVICE_START_PENDING) {
-        if (!StartServiceW(hService, 0, nullptr)) {
-            dwFailure = GetLastError();
-        }
-    }
-
-    CloseServiceHandle(hService);
-    CloseServiceHandle(hManager);
-    if (dwFailure != ERROR_SUCCESS) {
-        SetLastError(dwFailure);
+    if (QueryServiceStatus(m_hService.Get(), &status) && status.dwCurrentState != SERVICE_RUNNING &&
+        status.dwCurrentState != SERVICE_START_PENDING) {
+        StartServiceW(m_hService.Get(), 0, nullptr);
     }
     return true;
 }

@@ -4,23 +4,22 @@
 
 #include <string>
 
+#include <boost/noncopyable.hpp>
+
+#include "foundation/ScopedHandle.h"
+
 namespace BrevantUtility {
 namespace Service {
 
-// Holds a service control manager handle and a service handle; closes them in that order's
-// reverse when destroyed.
-class Base {
+// Holds a service control manager handle and a service handle; the service's is closed first.
+class Base : private boost::noncopyable {
 public:
-    Base() : m_hSCManager(nullptr), m_hService(nullptr) {}
-    virtual ~Base();
+    Base() {}
+    virtual ~Base() {}
 
 protected:
-    SC_HANDLE m_hSCManager;
-    SC_HANDLE m_hService;
-
-private:
-    Base(const Base&);
-    Base& operator=(const Base&);
+    CServiceHandle m_hSCManager;
+    CServiceHandle m_hService;
 };
 
 class Control : public Base {

@@ -5,9 +5,8 @@
 #include "foundation/TrimWorkingSet.h"
 #include "foundation/logging.h"
 #include "session/utilWinUserSession.h"
-#include "watchdog/WatchDog.h"
 
-std::vector<HANDLE> g_vecMonitorThreads;
+std::vector<boost::shared_ptr<CKernelHandle>> g_vecMonitorThreads;
 
 namespace {
 
@@ -25,164 +24,144 @@ const DWORD FIRST_AGENT_WAIT_INDEX = 2;
 
 }  // namespace
 
-CSessionAgentMonitor::CSessionAgentMonitor(DWORD dwIndex)
-    : m_hThread(nullptr), m_hReloadEvent(nullptr), m_dwIndex(dwIndex), m_pWatchDog(nullptr) {
-    m_hReloadEvent = CreateEventW(nullptr, FALSE, FALSE, L"");
-    if (m_hReloadEvent == nullptr) {
+CSessionAgentMonitor::CSessionAgentMonitor(DWORD dwIndex, IMonitorHost* pHost)
+    : m_hReloadEvent(CreateEventW(nullptr, FALSE, FALSE, L"")), m_dwIndex(dwIndex), m_pHost(pHost) {
+    if (!m_hReloadEvent.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"CreateEvent(m_hReloadEvent) Err=" << dwErr);
     }
-    m_pWatchDog = CWatchDog::GetInstance();
-}
-
-CSessionAgentMonitor::~CSessionAgentMonitor() {
-    CloseAgentHandles();
-    m_hThread = nullptr;  // owned by g_vecMonitorThreads
-    if (m_hReloadEvent != nullptr) {
-        CloseHandle(m_hReloadEvent);
-        m_hReloadEvent = nullptr;
-    }
-}
-
-void CSessionAgentMonitor::CloseAgentHandles() {
-    for (auto& entry : m_mapSession) {
-        if (entry.second.hAgentProcess != nullptr) {
-            CloseHandle(entry.second.hAgentProcess);
-            entry.second.hAgentProcess = nullptr;
-        }
+    if (m_pHost != nullptr) {
+        m_pHost->MonitorCreated();
     }
 }
 
 bool CSessionAgentMonitor::StartThread() {
     RefreshWaitList();
-    m_hThread = CreateThread(nullptr, 0, MonitorThreadProc, this, 0, nullptr);
-    if (m_hThread == nullptr) {
+    boost::shared_ptr<CKernelHandle> shpThread(new (std::nothrow) CKernelHandle());
+    if (!shpThread) {
         return false;
     }
-    g_vecMonitorThreads.push_back(m_hThread);
+    shpThread->Reset(CreateThread(nullptr, 0, MonitorThreadProc, this, 0, nullptr));
+    if (!shpThread->IsValid()) {
+        return false;
+    }
+    g_vecMonitorThreads.push_back(shpThread);
     return true;
 }
 
 void CSessionAgentMonitor::InsertSession(const SessionRecord& rec) {
     Guard<CSLock> guard(&m_lock);
-    auto it = m_mapSession.find(rec.dwSessionId);
-    if (it != m_mapSession.end()) {
-        // Another shell process means a new log-on or a restarted shell: serve the session again.
-        if (it->second.dwExplorerPid != rec.dwExplorerPid) {
-            LOG_INFO(L"session (" << rec.dwSessionId << L") is on again.");
-            it->second.bOff = false;
-        }
-        it->second.dwExplorerPid = rec.dwExplorerPid;
-    } else {
-        m_mapSession.insert(std::make_pair(rec.dwSessionId, rec));
+    const auto inserted = m_mapSession.try_emplace(rec.dwSessionId);
+    CSession& session = inserted.first->second;
+    // Another shell process means a new log-on or a restarted shell: serve the session again.
+    if (!inserted.second && session.dwExplorerPid != rec.dwExplorerPid) {
+        LOG_INFO(L"session (" << rec.dwSessionId << L") is on again.");
+        session.bOff = false;
     }
+    session.dwExplorerPid = rec.dwExplorerPid;
     SetReloadEvent();
 }
 
 void CSessionAgentMonitor::SetReloadEvent() {
-    if (m_hReloadEvent == nullptr) {
+    if (!m_hReloadEvent.IsValid()) {
         LOG_ERROR(L"m_hReloadEvent is NULL.");
         return;
     }
-    if (!SetEvent(m_hReloadEvent)) {
+    if (!SetEvent(m_hReloadEvent.Get())) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"Set Reload Event Err=" << dwErr);
     }
 }
 
-bool CSessionAgentMonitor::GetSession(DWORD dwSessionId, SessionRecord& rec) {
+bool CSessionAgentMonitor::GetSession(DWORD dwSessionId, SessionSnapshot& snapshot) {
     Guard<CSLock> guard(&m_lock);
     const auto it = m_mapSession.find(dwSessionId);
     if (it == m_mapSession.end()) {
         return false;
     }
-    rec = it->second;
+    snapshot.eState = it->second.State();
+    snapshot.dwAgentPid = it->second.agent.IsValid() ? GetProcessId(it->second.agent.Get()) : 0;
     return true;
 }
 
 void CSessionAgentMonitor::RefreshWaitList() {
-    m_vecHandles.clear();
-    m_vecSessionIds.clear();
-    m_vecHandles.push_back(m_pWatchDog != nullptr ? m_pWatchDog->GetCloseEvent() : nullptr);
-    m_vecSessionIds.push_back(0);
-    m_vecHandles.push_back(m_hReloadEvent);
-    m_vecSessionIds.push_back(0);
+    RebuildWaitList();
+    StartMissingAgents();
+}
 
-    DWORD dwWatched = 0;
+// The close event, the reload event, then every running agent in ascending session id.
+void CSessionAgentMonitor::RebuildWaitList() {
+    m_vecHandles.assign({m_pHost != nullptr ? m_pHost->GetCloseEvent() : nullptr, m_hReloadEvent.Get()});
+    m_vecSessionIds.assign({0, 0});
     for (const auto& entry : m_mapSession) {
-        if (entry.second.hAgentProcess != nullptr) {
-            m_vecHandles.push_back(entry.second.hAgentProcess);
-            m_vecSessionIds.push_back(entry.second.dwSessionId);
-            ++dwWatched;
+        if (entry.second.State() == SESSION_RUNNING) {
+            m_vecHandles.push_back(entry.second.agent.Get());
+            m_vecSessionIds.push_back(entry.first);
         }
     }
+}
 
-    // Start the missing agents while the limit allows; agents that run are never stopped by it.
+// Starts the waiting sessions' agents while the limit allows, counting those that run already:
+// agents that run are never stopped by it. A session whose agent cannot be started is forgotten
+// until the watchdog registers it again.
+void CSessionAgentMonitor::StartMissingAgents() {
+    DWORD dwWatched = GetWaitCount() - FIRST_AGENT_WAIT_INDEX;
     auto it = m_mapSession.begin();
-    while (it != m_mapSession.end()) {
-        if (dwWatched >= GetSeAgntMaxNum()) {
-            break;
-        }
-        SessionRecord& rec = it->second;
-        if (rec.hAgentProcess != nullptr || rec.bOff) {
+    while (it != m_mapSession.end() && m_pHost != nullptr && dwWatched < m_pHost->GetAgentLimit()) {
+        if (it->second.State() != SESSION_WAITING) {
             ++it;
-            continue;
-        }
-        if (CreateAgent(rec)) {
-            m_vecHandles.push_back(rec.hAgentProcess);
-            m_vecSessionIds.push_back(rec.dwSessionId);
+        } else if (CreateAgent(it->first, it->second)) {
+            m_vecHandles.push_back(it->second.agent.Get());
+            m_vecSessionIds.push_back(it->first);
             ++dwWatched;
             ++it;
         } else {
-            // Forgotten until the watchdog registers the session again.
             it = m_mapSession.erase(it);
         }
     }
 }
 
-bool CSessionAgentMonitor::CreateAgent(SessionRecord& rec) {
-    if (m_pWatchDog == nullptr) {
+bool CSessionAgentMonitor::CreateAgent(DWORD dwSessionId, CSession& session) {
+    if (m_pHost == nullptr) {
         return false;
     }
-    return CreateSessionAgent(m_pWatchDog->GetAgentPath(), m_pWatchDog->GetWorkingPath(), rec);
+    SessionRecord rec = {dwSessionId, session.dwExplorerPid, nullptr, session.bOff};
+    if (!CreateSessionAgent(m_pHost->GetAgentPath(), m_pHost->GetWorkingPath(), rec)) {
+        return false;
+    }
+    session.agent.Reset(rec.hAgentProcess);
+    return true;
+}
+
+void CSessionAgentMonitor::ReleaseAgent(CSession& session) { session.agent.Close(); }
+
+CSessionAgentMonitor::SessionTable::iterator CSessionAgentMonitor::SessionAt(DWORD dwWaitIndex) {
+    return dwWaitIndex < m_vecSessionIds.size() ? m_mapSession.find(m_vecSessionIds[dwWaitIndex])
+                                                : m_mapSession.end();
 }
 
 void CSessionAgentMonitor::SessionOff(DWORD dwWaitIndex) {
-    if (dwWaitIndex >= m_vecSessionIds.size()) {
-        return;
-    }
-    const auto it = m_mapSession.find(m_vecSessionIds[dwWaitIndex]);
+    const auto it = SessionAt(dwWaitIndex);
     if (it == m_mapSession.end()) {
         return;
     }
-    SessionRecord& rec = it->second;
-    if (rec.hAgentProcess != nullptr) {
-        CloseHandle(rec.hAgentProcess);
-        rec.hAgentProcess = nullptr;
-    }
-    LOG_INFO(L"session (" << rec.dwSessionId << L") is off.");
-    rec.bOff = true;
+    ReleaseAgent(it->second);
+    LOG_INFO(L"session (" << it->first << L") is off.");
+    it->second.bOff = true;
     SetReloadEvent();
 }
 
 bool CSessionAgentMonitor::RecreateAgent(DWORD dwWaitIndex) {
-    if (dwWaitIndex >= m_vecSessionIds.size()) {
-        return false;
-    }
-    const auto it = m_mapSession.find(m_vecSessionIds[dwWaitIndex]);
+    const auto it = SessionAt(dwWaitIndex);
     if (it == m_mapSession.end()) {
         return false;
     }
-    SessionRecord& rec = it->second;
-    if (rec.hAgentProcess != nullptr) {
-        CloseHandle(rec.hAgentProcess);
-        rec.hAgentProcess = nullptr;
-    }
-    if (CreateAgent(rec)) {
+    ReleaseAgent(it->second);
+    if (CreateAgent(it->first, it->second)) {
         return true;
     }
-    LOG_INFO(L"session (" << rec.dwSessionId << L") is off.");
-    rec.bOff = true;
+    LOG_INFO(L"session (" << it->first << L") is off.");
+    it->second.bOff = true;
     SetReloadEvent();
     return false;
 }
@@ -192,8 +171,8 @@ void CSessionAgentMonitor::WaitForAllAgents() {
     {
         Guard<CSLock> guard(&m_lock);
         for (const auto& entry : m_mapSession) {
-            if (entry.second.hAgentProcess != nullptr) {
-                vecAgents.push_back(entry.second.hAgentProcess);
+            if (entry.second.State() == SESSION_RUNNING) {
+                vecAgents.push_back(entry.second.agent.Get());
             }
         }
     }
@@ -260,24 +239,21 @@ DWORD CSessionAgentMonitor::Run() {
     }
 
     WaitForAllAgents();
-    if (m_pWatchDog != nullptr) {
-        // Removing the monitor normally destroys it: nothing of it is used afterwards.
-        const DWORD dwIndex = m_dwIndex;
-        CWatchDog* pWatchDog = m_pWatchDog;
-        pWatchDog->RemoveMonitor(dwIndex);
-        CWatchDog::ReleaseInstance();
+    if (m_pHost != nullptr) {
+        // Ending the monitor normally destroys it: nothing of it is used afterwards.
+        IMonitorHost* pHost = m_pHost;
+        pHost->MonitorEnded(m_dwIndex);
     }
     return 0;
 }
 
-CSessionManager::CSessionManager(INT32 nMaxSessions)
+CSessionManager::CSessionManager(INT32 nMaxSessions, IMonitorHost* pHost)
     : m_dwMaxSessionId(0),
       m_dwMonitorCount(static_cast<DWORD>(nMaxSessions / static_cast<INT32>(SESSIONS_PER_MONITOR) + 1)),
-      m_dwSessionsPerMonitor(SESSIONS_PER_MONITOR) {
+      m_dwSessionsPerMonitor(SESSIONS_PER_MONITOR),
+      m_pHost(pHost) {
     m_dwMaxSessionId = m_dwMonitorCount * m_dwSessionsPerMonitor - 1;
 }
-
-CSessionManager::~CSessionManager() {}
 
 INT32 CSessionManager::IsCreated(DWORD dwSessionId) { return dwSessionId > m_dwMaxSessionId ? -1 : 0; }
 
@@ -287,15 +263,14 @@ INT32 CSessionManager::InsertSession(const SessionRecord& rec) {
     }
     const DWORD dwIndex = rec.dwSessionId / m_dwSessionsPerMonitor;
     if (m_mapMonitor.find(dwIndex) == m_mapMonitor.end()) {
-        CSessionAgentMonitor* pMonitor = new (std::nothrow) CSessionAgentMonitor(dwIndex);
-        if (pMonitor != nullptr) {
-            if (pMonitor->StartThread()) {
-                m_mapMonitor[dwIndex] = boost::shared_ptr<CSessionAgentMonitor>(pMonitor);
-            } else {
-                // No thread of its own will give its watchdog reference back.
-                delete pMonitor;
-                CWatchDog::ReleaseInstance();
-            }
+        boost::shared_ptr<CSessionAgentMonitor> shpMonitor(new (std::nothrow)
+                                                               CSessionAgentMonitor(dwIndex, m_pHost));
+        if (shpMonitor && shpMonitor->StartThread()) {
+            m_mapMonitor[dwIndex] = shpMonitor;
+        } else if (shpMonitor && m_pHost != nullptr) {
+            // No thread of its own will end it and give its hold on the host back.
+            shpMonitor.reset();
+            m_pHost->MonitorEnded(dwIndex);
         }
     }
     const auto it = m_mapMonitor.find(dwIndex);

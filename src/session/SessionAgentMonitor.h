@@ -9,23 +9,34 @@
 #include <boost/shared_ptr.hpp>
 
 #include "foundation/CSLock.h"
+#include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
-
-class CWatchDog;
+#include "session/MonitorHost.h"
 
 // Every monitor thread ever started; waited on and closed only at shutdown.
-extern std::vector<HANDLE> g_vecMonitorThreads;
+extern std::vector<boost::shared_ptr<CKernelHandle>> g_vecMonitorThreads;
 
 // Sessions per monitor thread: with its close and reload events a monitor waits on at most 64
 // handles, the most one WaitForMultipleObjects takes.
 const DWORD SESSIONS_PER_MONITOR = 62;
 
-// One batch of 62 session ids: their records, the agents started for them, and the thread that
+// A session in its monitor: waiting for an agent (none started yet, or the agent limit held it
+// back), running (its agent is watched), or off (its agent ended gracefully or could not be started
+// again; nothing is started until the session is registered with another shell).
+enum ESessionState { SESSION_WAITING, SESSION_RUNNING, SESSION_OFF };
+
+// What a monitor tells of one session: the state and, while it runs, its agent's process id.
+struct SessionSnapshot {
+    ESessionState eState;
+    DWORD dwAgentPid;
+};
+
+// One batch of 62 session ids: their sessions, the agents started for them, and the thread that
 // starts, watches and restarts those agents.
 class CSessionAgentMonitor : private boost::noncopyable {
 public:
-    explicit CSessionAgentMonitor(DWORD dwIndex);
-    virtual ~CSessionAgentMonitor();
+    CSessionAgentMonitor(DWORD dwIndex, IMonitorHost* pHost);
+    virtual ~CSessionAgentMonitor() {}
 
     // Builds the first wait list and starts the thread; false when the thread cannot be created.
     bool StartThread();
@@ -37,7 +48,6 @@ public:
 
     // The thread side; called with m_lock held.
     void RefreshWaitList();
-    bool CreateAgent(SessionRecord& rec);
     void SessionOff(DWORD dwWaitIndex);
     bool RecreateAgent(DWORD dwWaitIndex);
     void WaitForAllAgents();
@@ -46,32 +56,45 @@ public:
     const HANDLE* GetWaitHandles() const { return m_vecHandles.data(); }
     HANDLE GetWaitHandle(DWORD i) const { return m_vecHandles[i]; }
 
-    // A copy of one session's record; false when the table has none. Takes m_lock.
-    bool GetSession(DWORD dwSessionId, SessionRecord& rec);
+    // One session as the table holds it; false when the table has none. Takes m_lock.
+    bool GetSession(DWORD dwSessionId, SessionSnapshot& snapshot);
 
     DWORD GetIndex() const { return m_dwIndex; }
-    HANDLE GetThread() const { return m_hThread; }
 
 private:
+    struct CSession : private boost::noncopyable {
+        DWORD dwExplorerPid = 0;
+        CKernelHandle agent;
+        bool bOff = false;
+        ESessionState State() const {
+            return agent.IsValid() ? SESSION_RUNNING : bOff ? SESSION_OFF : SESSION_WAITING;
+        }
+    };
+    typedef std::map<DWORD, CSession> SessionTable;
+
     DWORD Run();
-    void CloseAgentHandles();
+    void RebuildWaitList();
+    void StartMissingAgents();
+    bool CreateAgent(DWORD dwSessionId, CSession& session);
+    static void ReleaseAgent(CSession& session);
+    // The session whose agent sits at this wait index, or the table's end.
+    SessionTable::iterator SessionAt(DWORD dwWaitIndex);
 
     CSLock m_lock;
-    HANDLE m_hThread;
-    HANDLE m_hReloadEvent;
+    CKernelHandle m_hReloadEvent;
     DWORD m_dwIndex;
-    std::vector<HANDLE> m_vecHandles;
+    std::vector<HANDLE> m_vecHandles;  // the wait list; the handles belong to the host and the table
     std::vector<DWORD> m_vecSessionIds;
-    std::map<DWORD, SessionRecord> m_mapSession;
-    CWatchDog* m_pWatchDog;
+    SessionTable m_mapSession;
+    IMonitorHost* m_pHost;
 };
 
 // Spreads the registered sessions over monitors, one per batch of 62 session ids, created on
 // demand. It has no lock of its own: it is used only under the watchdog's lock.
 class CSessionManager : private boost::noncopyable {
 public:
-    explicit CSessionManager(INT32 nMaxSessions);
-    virtual ~CSessionManager();
+    CSessionManager(INT32 nMaxSessions, IMonitorHost* pHost);
+    virtual ~CSessionManager() {}
 
     // 0 when the session id is in range (whether or not it is registered), -1 otherwise.
     INT32 IsCreated(DWORD dwSessionId);
@@ -88,5 +111,6 @@ private:
     DWORD m_dwMaxSessionId;
     DWORD m_dwMonitorCount;
     DWORD m_dwSessionsPerMonitor;
+    IMonitorHost* m_pHost;
     std::map<DWORD, boost::shared_ptr<CSessionAgentMonitor>> m_mapMonitor;
 };

@@ -8,6 +8,8 @@
 #include <new>
 
 #include "foundation/CSLock.h"
+#include "foundation/NeverDestroyed.h"
+#include "foundation/ScopedHandle.h"
 #include "foundation/logging.h"
 
 const wchar_t* const g_pszCopiedVariables[4] = {L"CommonProgramFiles(x86)", L"CommonProgramW6432",
@@ -17,7 +19,7 @@ namespace {
 
 // The process's window station is process-wide state: launches on several monitor threads take
 // turns switching it, so none of them saves another's temporary station as its own.
-CSLock g_windowStationLock;
+CNeverDestroyed<CSLock> g_windowStationLock;
 
 const ACCESS_MASK WINSTA_ACCESS = READ_CONTROL | WRITE_DAC;
 const ACCESS_MASK DESKTOP_ACCESS = READ_CONTROL | WRITE_DAC | DESKTOP_WRITEOBJECTS | DESKTOP_READOBJECTS;
@@ -34,70 +36,74 @@ INT32 ByteSize(size_t nChars) { return static_cast<INT32>(nChars * sizeof(wchar_
 // What one launch holds, released in this order on every path: the primary token, the window
 // station switched back, the interactive station and desktop, the environment.
 struct CLaunchResources : private boost::noncopyable {
-    HWINSTA hSavedStation = nullptr;  // the process's own station; never closed
-    HWINSTA hStation = nullptr;
-    HDESK hDesktop = nullptr;
-    HANDLE hPrimaryToken = nullptr;
     boost::shared_ptr<CEnvBlock> shpEnv;
+    CDesktopHandle hDesktop;
+    CWindowStationHandle hStation;
+    CKernelHandle hPrimaryToken;
+    HWINSTA hSavedStation = nullptr;  // the process's own station; never closed
 
-    ~CLaunchResources() {
-        if (hPrimaryToken != nullptr) {
-            CloseHandle(hPrimaryToken);
-        }
+    virtual ~CLaunchResources() {
+        hPrimaryToken.Close();
         if (hSavedStation != nullptr) {
-            Guard<CSLock> guard(&g_windowStationLock);
+            Guard<CSLock> guard(&g_windowStationLock.Get());
             SetProcessWindowStation(hSavedStation);
         }
-        if (hStation != nullptr) {
-            CloseWindowStation(hStation);
-        }
-        if (hDesktop != nullptr) {
-            CloseDesktop(hDesktop);
-        }
-        shpEnv.reset();
     }
+};
+
+// The calling thread impersonates the user from Begin until End or the end of the scope, on every
+// path, an exception's included.
+class CImpersonation : private boost::noncopyable {
+public:
+    CImpersonation() : m_bActive(false) {}
+    virtual ~CImpersonation() { End(); }
+
+    bool Begin(HANDLE hToken) { return m_bActive = ImpersonateLoggedOnUser(hToken) != FALSE; }
+    void End() {
+        if (m_bActive && !RevertToSelf()) {
+            const DWORD dwErr = GetLastError();
+            LOG_ERROR(L"RevertToSelf GetLastError=" << dwErr);
+        }
+        m_bActive = false;
+    }
+
+private:
+    bool m_bActive;
 };
 
 // Opens winsta0 and its default desktop with the rights the launch needs, switching the process
 // to winsta0 only for the desktop's open.
 bool OpenInteractiveDesktop(CLaunchResources& res) {
-    Guard<CSLock> guard(&g_windowStationLock);
+    Guard<CSLock> guard(&g_windowStationLock.Get());
     res.hSavedStation = GetProcessWindowStation();
     if (res.hSavedStation == nullptr) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"GetProcessWindowStation GetLastError=" << dwErr);
         return false;
     }
-    res.hStation = OpenWindowStationW(L"winsta0", FALSE, WINSTA_ACCESS);
-    if (res.hStation == nullptr) {
+    res.hStation.Reset(OpenWindowStationW(L"winsta0", FALSE, WINSTA_ACCESS));
+    if (!res.hStation.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"OpenWindowStationW GetLastError=" << dwErr);
         return false;
     }
-    if (!SetProcessWindowStation(res.hStation)) {
+    if (!SetProcessWindowStation(res.hStation.Get())) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"SetProcessWindowStation GetLastError=" << dwErr);
         return false;
     }
-    res.hDesktop = OpenDesktopW(L"default", 0, FALSE, DESKTOP_ACCESS);
+    res.hDesktop.Reset(OpenDesktopW(L"default", 0, FALSE, DESKTOP_ACCESS));
     const DWORD dwDesktopErr = GetLastError();
     if (!SetProcessWindowStation(res.hSavedStation)) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"SetProcessWindowStation GetLastError=" << dwErr);
         return false;
     }
-    if (res.hDesktop == nullptr) {
+    if (!res.hDesktop.IsValid()) {
         LOG_ERROR(L"OpenDesktopW GetLastError=" << dwDesktopErr);
         return false;
     }
     return true;
-}
-
-void EndImpersonation() {
-    if (!RevertToSelf()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"RevertToSelf GetLastError=" << dwErr);
-    }
 }
 
 // The user's environment, with the watchdog's directory in front of the search path and the
@@ -108,10 +114,9 @@ boost::shared_ptr<CEnvBlock> BuildEnvironment(HANDLE hPrimaryToken) {
     if (!shpEnv) {
         return shpEnv;
     }
-    wchar_t* pszCwd = _wgetcwd(nullptr, 0);
-    if (pszCwd != nullptr) {
-        shpEnv->PrependValue(L"Path", pszCwd);
-        free(pszCwd);
+    const boost::shared_ptr<wchar_t> shpCwd(_wgetcwd(nullptr, 0), free);
+    if (shpCwd) {
+        shpEnv->PrependValue(L"Path", shpCwd.get());
     }
     boost::shared_ptr<wchar_t[]> shpValue(new (std::nothrow) wchar_t[COPY_BUFFER_CHARS + 1]);
     if (shpValue) {
@@ -133,6 +138,8 @@ CEnvBlock::CEnvBlock(HANDLE hToken, BOOL bInherit) : m_cbSize(0) {
     if (!CreateEnvironmentBlock(&pEnvironment, hToken, bInherit)) {
         return;
     }
+    // Released on every path, a failed copy's included: the object keeps only its copies.
+    const boost::shared_ptr<void> shpEnvironment(pEnvironment, DestroyEnvironmentBlock);
     const wchar_t* pBlock = static_cast<const wchar_t*>(pEnvironment);
     size_t i = 0;
     while (pBlock[i] != L'\0' || pBlock[i + 1] != L'\0') {
@@ -146,7 +153,6 @@ CEnvBlock::CEnvBlock(HANDLE hToken, BOOL bInherit) : m_cbSize(0) {
         m_vecEntries.push_back(strEntry);
         pEntry += strEntry.size() + 1;
     }
-    DestroyEnvironmentBlock(pEnvironment);
 }
 
 bool CEnvBlock::PrependValue(const wchar_t* name, const wchar_t* value) {
@@ -192,6 +198,9 @@ void* CEnvBlock::GetBlock() {
     for (const std::wstring& strEntry : m_vecEntries) {
         nChars += strEntry.size() + 1;
     }
+    if (m_vecEntries.empty()) {
+        nChars = 2;  // a block without entries is still ended by two NULs
+    }
     const size_t cbNeeded = nChars * sizeof(wchar_t);
     const size_t cbBlock =
         (m_cbSize > 0 && static_cast<size_t>(m_cbSize) > cbNeeded) ? static_cast<size_t>(m_cbSize) : cbNeeded;
@@ -209,27 +218,30 @@ void* CEnvBlock::GetBlock() {
     return shpBlock.get();
 }
 
-BOOL LaunchInteractiveProcess(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName,
-                              LPCWSTR lpCurrentDirectory) {
+namespace {
+
+BOOL Launch(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName, LPCWSTR lpCurrentDirectory) {
     CLaunchResources res;
     if (!OpenInteractiveDesktop(res)) {
         return FALSE;
     }
-    if (!ImpersonateLoggedOnUser(hToken)) {
+    CImpersonation impersonation;
+    if (!impersonation.Begin(hToken)) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"ImpersonateLoggedOnUser GetLastError=" << dwErr);
         return FALSE;
     }
+    // Lines are written only once the thread is itself again: as the user, the log file could be
+    // out of reach.
     if (!DuplicateTokenEx(hToken, MAXIMUM_ALLOWED, nullptr, SecurityIdentification, TokenPrimary,
-                          &res.hPrimaryToken)) {
+                          res.hPrimaryToken.Receive())) {
         const DWORD dwErr = GetLastError();
+        impersonation.End();
         LOG_ERROR(L"DuplicateTokenEx Err=" << dwErr);
-        res.hPrimaryToken = nullptr;
-        EndImpersonation();
         return FALSE;
     }
 
-    res.shpEnv = BuildEnvironment(res.hPrimaryToken);
+    res.shpEnv = BuildEnvironment(res.hPrimaryToken.Get());
     void* pEnvironment = res.shpEnv ? res.shpEnv->GetBlock() : nullptr;
 
     wchar_t szDesktop[] = L"winsta0\\default";
@@ -238,19 +250,31 @@ BOOL LaunchInteractiveProcess(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplica
     si.lpDesktop = szDesktop;
     PROCESS_INFORMATION pi = {};
     const BOOL bCreated =
-        CreateProcessAsUserW(res.hPrimaryToken, lpApplicationName, nullptr, nullptr, nullptr, FALSE,
+        CreateProcessAsUserW(res.hPrimaryToken.Get(), lpApplicationName, nullptr, nullptr, nullptr, FALSE,
                              LAUNCH_FLAGS, pEnvironment, lpCurrentDirectory, &si, &pi);
+    const DWORD dwCreateErr = GetLastError();
+    impersonation.End();
     if (!bCreated) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CreateProcessAsUser GetLastError=" << dwErr);
-    } else {
-        LOG_INFO(L"Newly created process id=" << pi.dwProcessId);
+        LOG_ERROR(L"CreateProcessAsUser GetLastError=" << dwCreateErr);
+        *phProcess = nullptr;
+        return FALSE;
     }
-    EndImpersonation();
+    LOG_INFO(L"Newly created process id=" << pi.dwProcessId);
+    const CKernelHandle thread(pi.hThread);
+    *phProcess = pi.hProcess;
+    return TRUE;
+}
 
-    *phProcess = bCreated ? pi.hProcess : nullptr;
-    if (bCreated) {
-        CloseHandle(pi.hThread);
+}  // namespace
+
+BOOL LaunchInteractiveProcess(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName,
+                              LPCWSTR lpCurrentDirectory) {
+    try {
+        return Launch(hToken, phProcess, lpApplicationName, lpCurrentDirectory);
+    } catch (...) {
+        // Building the environment ran out of memory: the launch's owners have already reverted
+        // the impersonation and closed what it had opened.
+        LOG_ERROR(L"LaunchInteractiveProcess failed: out of memory");
+        return FALSE;
     }
-    return bCreated;
 }

@@ -12,7 +12,7 @@
 #include "session/utilInteractiveProcess.h"
 
 bool EnumUserSession(std::vector<SessionRecord>& sessions) {
-    CScopedHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    const CKernelHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     if (!snapshot.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"CreateToolhelp32Snapshot Err=" << dwErr);
@@ -40,21 +40,50 @@ bool EnumUserSession(std::vector<SessionRecord>& sessions) {
     return true;
 }
 
+namespace {
+
+// A record keeps its shell's process id until its agent is started again, perhaps much later: by
+// then the id may name another user's process or a service. The token is taken only while the id
+// still names explorer.exe in the record's session.
+bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
+    wchar_t szImage[MAX_PATH] = {};
+    DWORD nChars = MAX_PATH;
+    std::wstring strName = L"an unknown program";
+    if (QueryFullProcessImageNameW(hProcess, 0, szImage, &nChars)) {
+        strName = szImage;
+        strName = strName.substr(strName.find_last_of(L'\\') + 1);
+    }
+    DWORD dwSessionId = 0;
+    const bool bSession = ProcessIdToSessionId(record.dwExplorerPid, &dwSessionId) != FALSE;
+    if (_wcsicmp(strName.c_str(), L"explorer.exe") == 0 && bSession && dwSessionId == record.dwSessionId) {
+        return true;
+    }
+    LOG_ERROR(L"Shell process id=" << record.dwExplorerPid << L" of session " << record.dwSessionId
+                                   << L" now names " << strName << L" in session " << dwSessionId
+                                   << L": its token is not used");
+    return false;
+}
+
+}  // namespace
+
 bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
                         SessionRecord& record) {
-    CScopedHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
+    const CKernelHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
     if (!explorer.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"OpenProcess Err=" << dwErr);
         return false;
     }
-    HANDLE hRawToken = nullptr;
-    if (!OpenProcessToken(explorer.Get(), TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY, &hRawToken)) {
+    if (!IsSessionShell(explorer.Get(), record)) {
+        return false;
+    }
+    CKernelHandle token;
+    if (!OpenProcessToken(explorer.Get(), TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY,
+                          token.Receive())) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"OpenProcessToken Err=" << dwErr);
         return false;
     }
-    CScopedHandle token(hRawToken);
 
     // The launch wants a writable copy of the path.
     const size_t nChars = agentPath.size() + 1;
@@ -77,8 +106,6 @@ bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& worki
         LOG_ERROR(L" Create Session Agent failed session ID = " << record.dwSessionId);
     }
     LOG_INFO(L"Explorer.exe PID=" << record.dwExplorerPid);
-    token.Close();
-    explorer.Close();
     return bLaunched != FALSE;
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
 #include "foundation/TrimWorkingSet.h"
 #include "foundation/kernel_objects.h"
@@ -264,17 +265,17 @@ int Supervise(DWORD dwParentPid, HANDLE hTerminateEvent) {
 bool GetKeldDebugLogPath(std::wstring& strDir, std::wstring& strMessage) {
     strDir.clear();
     strMessage.clear();
-    HKEY hKey = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_KELD_KEY, 0, KEY_READ, &hKey) != ERROR_SUCCESS) {
+    CRegKeyHandle key;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_KELD_KEY, 0, KEY_READ, key.Receive()) != ERROR_SUCCESS) {
         strMessage += L"RegOpenKeyExW failed. GetLastError=" + ToDecimal(GetLastError());
         return false;
     }
     wchar_t szInstallDir[INSTALL_DIR_CHARS] = {};
     DWORD cbData = sizeof(szInstallDir);
-    const LONG lQuery = RegQueryValueExW(hKey, REG_VALUE_INSTALL_DIR, nullptr, nullptr,
+    const LONG lQuery = RegQueryValueExW(key.Get(), REG_VALUE_INSTALL_DIR, nullptr, nullptr,
                                          reinterpret_cast<BYTE*>(szInstallDir), &cbData);
     const DWORD dwQueryErr = GetLastError();
-    RegCloseKey(hKey);
+    key.Close();
     if (lQuery != ERROR_SUCCESS || cbData == 0) {
         strMessage += L"RegQueryValueW failed. GetLastError=" + ToDecimal(dwQueryErr);
         return false;
@@ -334,56 +335,45 @@ bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
 }
 
 bool SetWatchDogReloadEvent() {
-    HANDLE hEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, EVENT_ID_BREVANT_WATCHDOG_RELOAD);
-    if (hEvent == nullptr) {
+    const CKernelHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, EVENT_ID_BREVANT_WATCHDOG_RELOAD));
+    if (!event.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"Open Watch Dog Reload Event failed. Err=" << dwErr);
         return false;
     }
-    bool bResult = true;
-    if (SetEvent(hEvent)) {
-        LOG_INFO(L"Set Watch Dog Reload successfully. ");
-    } else {
+    if (!SetEvent(event.Get())) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"Set Watch Dog Reload failed. Err=" << dwErr);
-        bResult = false;
+        return false;
     }
-    CloseHandle(hEvent);
-    return bResult;
+    LOG_INFO(L"Set Watch Dog Reload successfully. ");
+    return true;
 }
 
 bool IsServiceRunning(const std::wstring& strServiceName) {
-    SC_HANDLE hManager = OpenSCManagerW(nullptr, nullptr, GENERIC_READ);
-    if (hManager == nullptr) {
+    const CServiceHandle manager(OpenSCManagerW(nullptr, nullptr, GENERIC_READ));
+    if (!manager.IsValid()) {
         return false;
     }
-    bool bRunning = false;
-    SC_HANDLE hService = OpenServiceW(hManager, strServiceName.c_str(), GENERIC_READ);
-    if (hService != nullptr) {
-        SERVICE_STATUS status = {};
-        bRunning = QueryServiceStatus(hService, &status) == TRUE && status.dwCurrentState == SERVICE_RUNNING;
-        CloseServiceHandle(hService);
-    }
-    CloseServiceHandle(hManager);
-    return bRunning;
+    const CServiceHandle service(OpenServiceW(manager.Get(), strServiceName.c_str(), GENERIC_READ));
+    SERVICE_STATUS status = {};
+    return service.IsValid() && QueryServiceStatus(service.Get(), &status) == TRUE &&
+           status.dwCurrentState == SERVICE_RUNNING;
 }
 
 DWORD CheckServiceAccess(const std::wstring& strServiceName, DWORD dwAccess) {
-    SC_HANDLE hManager = OpenSCManagerW(nullptr, nullptr, GENERIC_READ);
-    if (hManager == nullptr) {
+    const CServiceHandle manager(OpenSCManagerW(nullptr, nullptr, GENERIC_READ));
+    if (!manager.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"OpenSCManager, GetLastError=" << dwErr);
         return dwErr;
     }
-    SC_HANDLE hService = OpenServiceW(hManager, strServiceName.c_str(), dwAccess);
-    if (hService == nullptr) {
+    const CServiceHandle service(OpenServiceW(manager.Get(), strServiceName.c_str(), dwAccess));
+    if (!service.IsValid()) {
         const DWORD dwErr = GetLastError();
-        CloseServiceHandle(hManager);
         LOG_ERROR(L"OpenService, GetLastError=" << dwErr);
         return dwErr;
     }
-    CloseServiceHandle(hService);
-    CloseServiceHandle(hManager);
     return 0;
 }
 
@@ -405,21 +395,22 @@ void WaitForAllMonitorThreads() {
         LOG_INFO(L"No Monitor Thread to be Waited.");
         return;
     }
+    std::vector<HANDLE> vecThreads;
+    for (const boost::shared_ptr<CKernelHandle>& shpThread : g_vecMonitorThreads) {
+        vecThreads.push_back(shpThread->Get());
+    }
     // One wait takes at most 64 handles; repeated stop and reload cycles can leave more threads
     // than that, so wait for them in batches and report the first failure, if any.
     DWORD dwRet = WAIT_OBJECT_0;
-    for (size_t nFirst = 0; nFirst < g_vecMonitorThreads.size(); nFirst += MAXIMUM_WAIT_OBJECTS) {
+    for (size_t nFirst = 0; nFirst < vecThreads.size(); nFirst += MAXIMUM_WAIT_OBJECTS) {
         const DWORD nCount =
-            static_cast<DWORD>(std::min<size_t>(MAXIMUM_WAIT_OBJECTS, g_vecMonitorThreads.size() - nFirst));
-        const DWORD dwBatch = WaitForMultipleObjects(nCount, &g_vecMonitorThreads[nFirst], TRUE, INFINITE);
+            static_cast<DWORD>(std::min<size_t>(MAXIMUM_WAIT_OBJECTS, vecThreads.size() - nFirst));
+        const DWORD dwBatch = WaitForMultipleObjects(nCount, &vecThreads[nFirst], TRUE, INFINITE);
         if (dwRet == WAIT_OBJECT_0) {
             dwRet = dwBatch;
         }
     }
     LOG_INFO(L"Wait for All Monitor Thread. dwRet=" << dwRet);
-    for (HANDLE hThread : g_vecMonitorThreads) {
-        CloseHandle(hThread);
-    }
     g_vecMonitorThreads.clear();
 }
 
@@ -440,11 +431,9 @@ int WatchDogMain(const wchar_t* lpCmdLine) {
     int nParentPid = 0;
     int nArgs = 0;
     LPWSTR* ppArgs = CommandLineToArgvW(lpCmdLine, &nArgs);
-    if (ppArgs != nullptr) {
-        if (nArgs > 0) {
-            nParentPid = _wtoi(ppArgs[0]);
-        }
-        LocalFree(ppArgs);
+    const CLocalMemory args(ppArgs);
+    if (ppArgs != nullptr && nArgs > 0) {
+        nParentPid = _wtoi(ppArgs[0]);
     }
     if (nParentPid == 0) {
         return RunKeyMode();

@@ -16,7 +16,7 @@
 
 CWatchDog* CWatchDog::s_pInstance = nullptr;
 INT32 CWatchDog::s_nRefCount = 0;
-CSLock CWatchDog::s_instanceLock;
+CNeverDestroyed<CSLock> CWatchDog::s_instanceLock;
 
 namespace {
 
@@ -26,8 +26,8 @@ INIT_ONCE g_seAgntMaxNumOnce = INIT_ONCE_STATIC_INIT;
 DWORD g_dwSeAgntMaxNum = SE_AGNT_MAX_NUM_DEFAULT;
 
 BOOL CALLBACK LoadSeAgntMaxNum(PINIT_ONCE, PVOID, PVOID*) {
-    HKEY hKey = nullptr;
-    const LONG lResult = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, &hKey);
+    CRegKeyHandle key;
+    const LONG lResult = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, key.Receive());
     if (lResult != ERROR_SUCCESS) {
         LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
                   << lResult);
@@ -35,12 +35,11 @@ BOOL CALLBACK LoadSeAgntMaxNum(PINIT_ONCE, PVOID, PVOID*) {
         DWORD dwValue = 0;
         DWORD dwType = 0;
         DWORD cbData = sizeof(dwValue);
-        if (RegQueryValueExW(hKey, REG_VALUE_SE_AGNT_MAX_NUM, nullptr, &dwType,
+        if (RegQueryValueExW(key.Get(), REG_VALUE_SE_AGNT_MAX_NUM, nullptr, &dwType,
                              reinterpret_cast<BYTE*>(&dwValue), &cbData) == ERROR_SUCCESS &&
             dwType == REG_DWORD && cbData == sizeof(dwValue)) {
             g_dwSeAgntMaxNum = dwValue;
         }
-        RegCloseKey(hKey);
     }
     LOG_INFO(L"Load SeAgntMaxNum=" << g_dwSeAgntMaxNum);
     return TRUE;
@@ -88,20 +87,12 @@ bool FindPathEntry(const std::wstring& strPath, const std::wstring& strDirectory
     return false;
 }
 
-CWatchDog::CWatchDog() : m_hParentProcess(nullptr), m_hCloseEvent(nullptr), m_hCloseNoStopEvent(nullptr) {}
+CWatchDog::CWatchDog() {}
 
-CWatchDog::~CWatchDog() {
-    HANDLE* handles[] = {&m_hParentProcess, &m_hCloseEvent, &m_hCloseNoStopEvent};
-    for (HANDLE* ph : handles) {
-        if (*ph != nullptr) {
-            CloseHandle(*ph);
-            *ph = nullptr;
-        }
-    }
-}
+CWatchDog::~CWatchDog() {}
 
 CWatchDog* CWatchDog::GetInstance() {
-    Guard<CSLock> guard(&s_instanceLock);
+    Guard<CSLock> guard(&s_instanceLock.Get());
     if (s_pInstance == nullptr) {
         s_pInstance = new (std::nothrow) CWatchDog();
     }
@@ -110,7 +101,7 @@ CWatchDog* CWatchDog::GetInstance() {
 }
 
 void CWatchDog::ReleaseInstance() {
-    Guard<CSLock> guard(&s_instanceLock);
+    Guard<CSLock> guard(&s_instanceLock.Get());
     if (s_nRefCount > 0) {
         --s_nRefCount;
     }
@@ -121,7 +112,7 @@ void CWatchDog::ReleaseInstance() {
 }
 
 INT32 CWatchDog::GetRefCount() {
-    Guard<CSLock> guard(&s_instanceLock);
+    Guard<CSLock> guard(&s_instanceLock.Get());
     return s_nRefCount;
 }
 
@@ -130,14 +121,24 @@ size_t CWatchDog::GetLiveMonitorCount() {
     return m_shpSessionManager ? m_shpSessionManager->GetLiveMonitorCount() : 0;
 }
 
-bool CWatchDog::GetSessionSnapshot(DWORD dwSessionId, SessionRecord& rec) {
+bool CWatchDog::GetSessionSnapshot(DWORD dwSessionId, SessionSnapshot& snapshot) {
     Guard<CSLock> guard(&m_lock);
     if (!m_shpSessionManager) {
         return false;
     }
     const boost::shared_ptr<CSessionAgentMonitor> shpMonitor =
         m_shpSessionManager->GetMonitor(dwSessionId / SESSIONS_PER_MONITOR);
-    return shpMonitor && shpMonitor->GetSession(dwSessionId, rec);
+    return shpMonitor && shpMonitor->GetSession(dwSessionId, snapshot);
+}
+
+DWORD CWatchDog::GetAgentLimit() { return GetSeAgntMaxNum(); }
+
+// Each monitor holds a reference, so the watchdog outlives every monitor thread.
+void CWatchDog::MonitorCreated() { GetInstance(); }
+
+void CWatchDog::MonitorEnded(DWORD dwIndex) {
+    RemoveMonitor(dwIndex);
+    ReleaseInstance();
 }
 
 bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
@@ -159,20 +160,20 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
 
     {
         DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
-        m_hCloseEvent = CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE);
-        if (m_hCloseEvent == nullptr) {
+        m_hCloseEvent.Reset(CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE));
+        if (!m_hCloseEvent.IsValid()) {
             const DWORD dwErr = GetLastError();
             LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=" << dwErr);
         }
-        m_hCloseNoStopEvent =
-            CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD);
-        if (m_hCloseNoStopEvent == nullptr) {
+        m_hCloseNoStopEvent.Reset(
+            CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD));
+        if (!m_hCloseNoStopEvent.IsValid()) {
             const DWORD dwErr = GetLastError();
             LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=" << dwErr);
         }
     }
 
-    m_shpSessionManager.reset(new (std::nothrow) CSessionManager(WATCHDOG_MAX_SESSIONS));
+    m_shpSessionManager.reset(new (std::nothrow) CSessionManager(WATCHDOG_MAX_SESSIONS, this));
     if (!m_shpSessionManager) {
         LOG_ERROR(L" Create Session Manager failed");
         return false;
@@ -182,21 +183,21 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
 }
 
 bool CWatchDog::SetCloseEvent(bool stopKeld) {
-    HANDLE hEvent = stopKeld ? m_hCloseEvent : m_hCloseNoStopEvent;
+    HANDLE hEvent = stopKeld ? m_hCloseEvent.Get() : m_hCloseNoStopEvent.Get();
     return hEvent != nullptr && SetEvent(hEvent) != FALSE;
 }
 
 void CWatchDog::RemoveMonitor(DWORD index) {
     Guard<CSLock> guard(&m_lock);
     if (m_shpSessionManager) {
-        Guard<CSLock> instanceGuard(&s_instanceLock);
+        Guard<CSLock> instanceGuard(&s_instanceLock.Get());
         m_shpSessionManager->RemoveMonitor(static_cast<INT32>(index));
     }
 }
 
 void CWatchDog::ReloadSessions() {
     Guard<CSLock> guard(&m_lock);
-    ResetEvent(m_hCloseEvent);
+    ResetEvent(m_hCloseEvent.Get());
     if (!m_shpSessionManager) {
         LOG_ERROR(L"m_shpSessionManager is NULL.");
         return;
@@ -231,13 +232,12 @@ bool CWatchDog::RemoveKeldPathFromSystemPath() {
     if (!GetSystemEnvPath(strPath)) {
         return false;
     }
-    wchar_t* pszCwd = _wgetcwd(nullptr, 0);
-    if (pszCwd == nullptr) {
+    const boost::shared_ptr<wchar_t> shpCwd(_wgetcwd(nullptr, 0), free);
+    if (!shpCwd) {
         LOG_ERROR(L"_wgetcwd failed, system path left unchanged");
         return false;
     }
-    const std::wstring strDirectory(pszCwd);
-    free(pszCwd);
+    const std::wstring strDirectory(shpCwd.get());
 
     size_t nPos = 0;
     size_t nLength = 0;
@@ -266,14 +266,15 @@ bool CWatchDog::WaitStartEvent(DWORD dwPID) {
         LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_START_SERVICE) Err=" << dwErr);
         return false;
     }
-    m_hParentProcess = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPID);
-    if (m_hParentProcess == nullptr) {
+    m_hParentProcess.Reset(
+        OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPID));
+    if (!m_hParentProcess.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"OpenProcess dwPID=" << dwPID << L" , Err=" << dwErr);
         return false;
     }
     TrimWorkingSet();
-    return WaitForSetStartEvent(m_hParentProcess);
+    return WaitForSetStartEvent(m_hParentProcess.Get());
 }
 
 namespace {
@@ -287,35 +288,23 @@ bool IsStartValueSet(HKEY hKey) {
            dwType == REG_DWORD && cbData == sizeof(dwValue) && dwValue == 1;
 }
 
-class CScopedKey : private boost::noncopyable {
-public:
-    CScopedKey() : m_hKey(nullptr) {}
-    ~CScopedKey() {
-        if (m_hKey != nullptr) {
-            RegCloseKey(m_hKey);
-        }
-    }
-    HKEY m_hKey;
-};
-
 }  // namespace
 
 bool WaitForSetStartEvent(HANDLE hParentProcess) {
-    CScopedKey installKey;
-    const LONG lOpen = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, &installKey.m_hKey);
+    CRegKeyHandle installKey;
+    const LONG lOpen = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, installKey.Receive());
     if (lOpen != ERROR_SUCCESS) {
-        installKey.m_hKey = nullptr;
         LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
                   << lOpen);
         return false;
     }
-    CScopedHandle changeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    CKernelHandle changeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!changeEvent.IsValid()) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"CreateEvent() fail. err=" << dwErr);
         return false;
     }
-    CScopedHandle terminateEvent(OpenEventW(SYNCHRONIZE, FALSE, EVENT_ID_BREVANT_TERMINATE_WATCHDOG));
+    CKernelHandle terminateEvent(OpenEventW(SYNCHRONIZE, FALSE, EVENT_ID_BREVANT_TERMINATE_WATCHDOG));
     DWORD dwWaitCount = 3;
     if (!terminateEvent.IsValid()) {
         LOG_INFO(L"no terminated event exists.");
@@ -326,13 +315,13 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
 
     for (;;) {
         // Armed before every read, so a change between the read and the wait still wakes it.
-        const LONG lNotify = RegNotifyChangeKeyValue(installKey.m_hKey, TRUE, REG_NOTIFY_CHANGE_LAST_SET,
+        const LONG lNotify = RegNotifyChangeKeyValue(installKey.Get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET,
                                                      changeEvent.Get(), TRUE);
         if (lNotify != ERROR_SUCCESS) {
             LOG_ERROR(L"RegNotifyChangeKeyValue() fail. err=" << lNotify);
             return false;
         }
-        if (IsStartValueSet(installKey.m_hKey)) {
+        if (IsStartValueSet(installKey.Get())) {
             return true;
         }
         const DWORD dwRet = WaitForMultipleObjects(dwWaitCount, waitList, FALSE, INFINITE);

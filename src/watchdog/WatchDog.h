@@ -9,9 +9,11 @@
 #include <boost/shared_ptr.hpp>
 
 #include "foundation/CSLock.h"
+#include "foundation/NeverDestroyed.h"
+#include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
-
-class CSessionManager;
+#include "session/MonitorHost.h"
+#include "session/SessionAgentMonitor.h"
 
 // The install key of the client under HKEY_LOCAL_MACHINE.
 #define REG_INSTALL_KEY L"Software\\Corvane\\Brevant\\0\\Install"
@@ -26,7 +28,7 @@ const DWORD SE_AGNT_MAX_NUM_DEFAULT = 0x7FFFFFFF;
 // Ties the watchdog together: the agent's paths, the close events, the parent process and the
 // session manager. One reference-counted instance per process: the entry holds one reference
 // and every monitor holds one until its thread has ended; the last release deletes it.
-class CWatchDog : private boost::noncopyable {
+class CWatchDog : public IMonitorHost, private boost::noncopyable {
 public:
     static CWatchDog* GetInstance();
     static void ReleaseInstance();
@@ -44,16 +46,21 @@ public:
     bool SetCloseEvent(bool stopKeld);
     void RemoveMonitor(DWORD index);
 
-    HANDLE GetParentProcess() const { return m_hParentProcess; }
-    HANDLE GetCloseEvent() const { return m_hCloseEvent; }
-    const std::wstring& GetAgentPath() const { return m_strAgentPath; }
-    const std::wstring& GetWorkingPath() const { return m_strWorkingPath; }
+    HANDLE GetParentProcess() const { return m_hParentProcess.Get(); }
 
-    // Diagnostics: the reference count, the live monitors, and a copy of one session's record
-    // as its monitor holds it (false when no monitor holds the session).
+    // What the monitors need of their host.
+    HANDLE GetCloseEvent() const override { return m_hCloseEvent.Get(); }
+    const std::wstring& GetAgentPath() const override { return m_strAgentPath; }
+    const std::wstring& GetWorkingPath() const override { return m_strWorkingPath; }
+    DWORD GetAgentLimit() override;
+    void MonitorCreated() override;
+    void MonitorEnded(DWORD dwIndex) override;
+
+    // Diagnostics: the reference count, the live monitors, and one session as its monitor holds
+    // it (false when no monitor holds the session).
     static INT32 GetRefCount();
     size_t GetLiveMonitorCount();
-    bool GetSessionSnapshot(DWORD dwSessionId, SessionRecord& rec);
+    bool GetSessionSnapshot(DWORD dwSessionId, SessionSnapshot& snapshot);
 
     // Removes the current directory from the system Path when it stands there as a whole entry.
     bool RemoveKeldPathFromSystemPath();
@@ -62,9 +69,9 @@ private:
     CWatchDog();
     virtual ~CWatchDog();
 
-    HANDLE m_hParentProcess;
-    HANDLE m_hCloseEvent;
-    HANDLE m_hCloseNoStopEvent;
+    CKernelHandle m_hParentProcess;
+    CKernelHandle m_hCloseEvent;
+    CKernelHandle m_hCloseNoStopEvent;
     std::wstring m_strAgentPath;
     std::wstring m_strWorkingPath;
     boost::shared_ptr<CSessionManager> m_shpSessionManager;
@@ -72,7 +79,7 @@ private:
 
     static CWatchDog* s_pInstance;
     static INT32 s_nRefCount;
-    static CSLock s_instanceLock;
+    static CNeverDestroyed<CSLock> s_instanceLock;
 };
 
 // The largest number of agents one monitor thread starts and watches; read from the registry

@@ -37,9 +37,8 @@ size_t SizeOf(const std::wstring& path) {
 SessionRecord Session(DWORD id, DWORD shellPid) { return SessionRecord{id, shellPid, nullptr, false}; }
 
 DWORD AgentOf(CWatchDog* pWatchDog, DWORD session) {
-    SessionRecord rec = {};
-    return pWatchDog->GetSessionSnapshot(session, rec) && rec.hAgentProcess ? GetProcessId(rec.hAgentProcess)
-                                                                            : 0;
+    SessionSnapshot snapshot = {};
+    return pWatchDog->GetSessionSnapshot(session, snapshot) ? snapshot.dwAgentPid : 0;
 }
 
 TEST(Log, LineFormCutsAndFaults) {
@@ -61,7 +60,10 @@ TEST(Log, LineFormCutsAndFaults) {
     EXPECT_GT(SizeOf(path), static_cast<size_t>(LOG_FILE_SIZE_LIMIT));
     MakeFile(path, LOG_FILE_SIZE_LIMIT + 1);
     LOG_INFO(L"a new file");
-    EXPECT_EQ(1u, qt::ReadLog(path).lines.size());
+    GetLogger().stream20() << L"half a statement";  // as one that failed half-way leaves it
+    GetLogger().stream20().setstate(std::ios::badbit);
+    LOG_INFO(L"whole");
+    EXPECT_EQ("whole", qt::ReadLog(path).lines.back().message);
 
     // A missing directory loses the line; the next line that can be written is.
     GetLogger().set_file((path + L"-missing\\QoWatchDog.log").c_str());
@@ -75,7 +77,7 @@ TEST(Log, LineFormCutsAndFaults) {
         LOG_INFO(L"main thread " << i);
     other.join();
     log = qt::ReadLog(path);
-    EXPECT_EQ(401u, log.lines.size());
+    EXPECT_EQ(402u, log.lines.size());
     EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
     EXPECT_EQ(0u, log.Count("lost"));
 
@@ -140,51 +142,49 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
         EXPECT_NE(std::string::npos, report.find("\n" + qt::ToUtf8(line))) << report;
     }
 
-    SessionRecord missing = Session(7, qt::Find(L"explorer.exe").front());
+    SessionRecord missing = Session(1, qt::Find(L"explorer.exe").front());
     EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\Missing.exe", qt::AgentDir(), missing));
+    SessionRecord notAShell = Session(1, GetCurrentProcessId());  // a shell's id, reused
+    EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\QoSessionAgent.exe", qt::AgentDir(), notAShell));
     EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token));
     wchar_t after[64] = {};
     GetUserObjectInformationW(GetProcessWindowStation(), UOI_NAME, after, sizeof(after), nullptr);
     EXPECT_STREQ(station, after);
-    EXPECT_EQ("", qt::InOrder(
-                      qt::ReadLog(log),
-                      {"Newly created process id=" + std::to_string(GetProcessId(agent.get())),
-                       " Create Session Agent successfully session ID = 1",
-                       "CreateProcessAsUser GetLastError=2", " Create Session Agent failed session ID = 7"}));
+    EXPECT_EQ(
+        "",
+        qt::InOrder(qt::ReadLog(log),
+                    {"Newly created process id=" + std::to_string(GetProcessId(agent.get())),
+                     " Create Session Agent successfully session ID = 1",
+                     "CreateProcessAsUser GetLastError=2", " Create Session Agent failed session ID = 1",
+                     "Shell process id=" + std::to_string(GetCurrentProcessId()) +
+                         " of session 1 now names component_test.exe in session 1: its token is not used"}));
 }
 
-// Monitors of batches of 62 session ids, each starting at most SeAgntMaxNum agents; an agent
-// program gone at a restart switches its session off and ends the monitor after its other agents;
-// the close ends the rest.
-TEST(Monitors, BatchesLimitAgentGoneAndClose) {
+// Monitors of batches of 62 session ids. A shell id that names no shell of the record's session
+// is refused; an agent program gone at a restart switches the session off and ends its monitor;
+// the close ends the rest, and the last release closes the watchdog's events.
+TEST(Monitors, BatchesRestartAgentGoneAndClose) {
     const std::wstring log = UseLog(L"monitors");
     SetCurrentDirectoryW(qt::PlatformDir().c_str());
-    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 2));
+    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 1));
     const std::wstring agent = qt::Scratch(L"moved") + L"\\QoSessionAgent.exe";
     ASSERT_TRUE(CopyFileW((qt::AgentDir() + L"\\QoSessionAgent.exe").c_str(), agent.c_str(), FALSE));
     qt::Agents started;
     CWatchDog* pWatchDog = CWatchDog::GetInstance();
     ASSERT_TRUE(pWatchDog->Init(agent.c_str(), qt::AgentDir().c_str()));
     const DWORD shell = qt::Find(L"explorer.exe").front();
-    pWatchDog->RegisterSessions(
-        {Session(3, shell), Session(5, shell), Session(7, shell), Session(62, shell), Session(3038, shell)});
-    ASSERT_TRUE(started.Wait(3));
-    EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount());
-    ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 3), 0x40010004));
+    pWatchDog->RegisterSessions({Session(1, shell), Session(62, shell), Session(3038, shell)});
     ASSERT_TRUE(started.Wait());
-    const DWORD seven = AgentOf(pWatchDog, 7);
-    ASSERT_NE(0u, seven);
+    EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount());
+    const DWORD first = AgentOf(pWatchDog, 1);
+    ASSERT_TRUE(qt::EndAgent(first, 0xC0000005));
+    ASSERT_TRUE(started.Wait());
+    EXPECT_NE(first, AgentOf(pWatchDog, 1));
 
     ASSERT_TRUE(MoveFileW(agent.c_str(), (agent + L".away").c_str()));
-    ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 5), 1));
-    ASSERT_TRUE(qt::WaitLog("Session Agent re-create failed", 1, log));
-    EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount()) << "waits for the agent of 7";
-    qt::Proc agentOf7{qt::Own(OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, seven)),
-                      seven};
-    ASSERT_TRUE(qt::EndAgent(seven, 0));
-    ASSERT_TRUE(qt::ExitCode(agentOf7));
+    ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 1), 1));
+    ASSERT_TRUE(qt::WaitLog("No Session Agent Needs to Wait.", 1, log));
     pWatchDog->SetCloseEvent(true);
-    qt::EndAllAgents(0);
     WaitForAllMonitorThreads();
     EXPECT_EQ(0u, pWatchDog->GetLiveMonitorCount());
     WaitForAllMonitorThreads();
@@ -194,11 +194,13 @@ TEST(Monitors, BatchesLimitAgentGoneAndClose) {
     EXPECT_FALSE(qt::Exists(qt::kClose)) << "the last release closes the watchdog's events";
     const qt::Log lines = qt::ReadLog(log);
     EXPECT_EQ(1u, lines.Count("m_shpSessionManager->IsCreated Ret=-1"));
-    EXPECT_EQ("", qt::InOrder(lines, {"Load SeAgntMaxNum=2", "session (3) is off.",
-                                      "CreateProcessAsUser GetLastError=2", "session (5) is off.",
-                                      "Session Agent re-create failed", "Wait for All Session Agent. dwRet=0",
-                                      "KELD Stop", "Wait for All Monitor Thread. dwRet=0",
-                                      "No Monitor Thread to be Waited."}));
+    EXPECT_EQ(1u, lines.Count("of session 62 now names explorer.exe in session 1: its token is not used"));
+    EXPECT_EQ(
+        "", qt::InOrder(lines, {"Load SeAgntMaxNum=1", "exitcode=3221225477",
+                                "Newly created process id=", "CreateProcessAsUser GetLastError=2",
+                                "session (1) is off.", "Session Agent re-create failed",
+                                "No Session Agent Needs to Wait.", "KELD Stop",
+                                "Wait for All Monitor Thread. dwRet=0", "No Monitor Thread to be Waited."}));
 }
 
 }  // namespace

@@ -32,9 +32,13 @@ TEST(Supervisor, WholeLife) {
 
     // A crash restarts the agent; a graceful end switches the session off, and a log-on with the
     // same shell leaves it off; a new shell brings it back.
+    // Meanwhile another process takes the log writers' mutex and keeps it: the crash is still seen
+    // and logged, the agent restarted.
     const DWORD first = qt::OnlyAgent();
+    const qt::Proc holder = qt::Hold(qt::kLogWriter);
     ASSERT_TRUE(qt::EndAgent(first, 0xC0000005));
     ASSERT_TRUE(started.Wait());
+    TerminateProcess(holder.h.get(), 0);
     const DWORD second = qt::OnlyAgent();
     EXPECT_NE(first, second);
     ASSERT_TRUE(qt::EndAgent(second, 0xC0000142));
@@ -60,7 +64,10 @@ TEST(Supervisor, WholeLife) {
 
     const qt::Log log = qt::ReadLog();
     EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
-    EXPECT_EQ(0u, log.Errors());
+    EXPECT_EQ(1u, log.Errors());
+    EXPECT_EQ(
+        1u,
+        log.Count("Log writer mutex Global\\QO_WATCH_DOG_LOG_WRITER held by another process for 2000 ms"));
     EXPECT_EQ(
         "", qt::InOrder(log, {"Start Watch Dog", "Watch Dog started",
                               "KELD path is found in system path, so remove it!", "Wait for set start event.",
@@ -153,6 +160,8 @@ TEST(Supervisor, Refusals) {
         // Names held by objects of another type.
         {[&] { held = qt::Own(CreateEventW(nullptr, TRUE, FALSE, qt::kMutex)); }, L"", nullptr,
          "create mutex fail!!"},
+        {[&] { held = qt::Own(CreateMutexW(nullptr, FALSE, qt::kReload)); }, L"", nullptr,
+         "Failed to create watch dog reload event"},  // monitor threads run at this -1
         {[&] { held = qt::Own(CreateMutexW(nullptr, FALSE, qt::kClose)); }, L"", nullptr,
          "CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=6"},
     };

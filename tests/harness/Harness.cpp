@@ -115,6 +115,13 @@ Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
     return Start(exe, mode);
 }
 
+Proc Hold(const wchar_t* mutex) {
+    const Handle held = Own(CreateEventW(nullptr, TRUE, FALSE, kHeld));
+    Proc holder = StartHelper(L"holder.exe", L"hold " + std::wstring(mutex));
+    WaitForSingleObject(held.get(), kWaitMs);
+    return holder;
+}
+
 void Reset() {
     StopKeld();
     // The watchdogs, the agents and every helper copy; the desktop keeper and Wine's explorer stay.

@@ -32,6 +32,7 @@ inline constexpr wchar_t kClose[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE";
 inline constexpr wchar_t kCloseNoStop[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD";
 inline constexpr wchar_t kStartService[] = L"Global\\EVENT_ID_BREVANT_START_SERVICE";
 inline constexpr wchar_t kMutex[] = L"Global\\_QO_WATCH_DOG_NAMED_MUTEX";
+inline constexpr wchar_t kLogWriter[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
 
 struct CloseHandleOf {
     void operator()(HANDLE h) const { CloseHandle(h); }
@@ -60,6 +61,8 @@ std::optional<DWORD> ExitCode(const Proc& p, DWORD ms = kWaitMs);
 // qo_helper.exe copied as name into a directory of its own and started with mode ("idle": a host
 // process or, named explorer.exe, a shell).
 Proc StartHelper(const std::wstring& name, const std::wstring& mode);
+// Another process that has taken this mutex and keeps it.
+Proc Hold(const wchar_t* mutex);
 // Pids of the processes whose executable name is exactly this (any case); "*" for all.
 std::vector<DWORD> Find(const std::wstring& exeName);
 // Brings the prefix back to the installed client: ends the tests' processes, removes the tests'

@@ -6,7 +6,8 @@
 // releases kAgentReady and waits: its own event ends it with the DWORD named by its pid under kAgentKey (1
 // when missing), kAgentExitAll with the value kAll (0 when missing). 0xC0000005 is produced by a real access
 // violation. "qo_helper.exe idle" lives until it is ended (a host process, a shell); "keeper" holds Wine's
-// desktop; "service" is the Keld service, and sets kKeldRunning once it runs.
+// desktop; "service" is the Keld service, and sets kKeldRunning once it runs; "hold <mutex>" takes the named
+// mutex, sets kHeld and keeps it.
 #pragma once
 
 #include <windows.h>
@@ -23,6 +24,7 @@ inline constexpr wchar_t kAgentKey[] = L"Software\\QoTest\\AgentExit";
 inline constexpr wchar_t kAll[] = L"All";
 inline constexpr wchar_t kImmediate[] = L"Immediate";
 inline constexpr wchar_t kKeldRunning[] = L"Global\\QoTestKeldRunning";
+inline constexpr wchar_t kHeld[] = L"Global\\QoTestMutexHeld";
 // The report's keys besides session, cmdline, cwd and desktop (winsta\\desktop).
 inline constexpr const wchar_t* kReportedVariables[] = {
     L"Path", L"CommonProgramFiles(x86)", L"CommonProgramW6432", L"ProgramFiles(x86)", L"ProgramW6432"};

@@ -111,6 +111,9 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR cmdLine, int) {
         return StartServiceCtrlDispatcherW(table) ? 0 : 1;
     } else if (mode == L"keeper") {
         GetDesktopWindow();
+    } else if (mode.rfind(L"hold ", 0) == 0) {
+        WaitForSingleObject(CreateMutexW(nullptr, FALSE, mode.substr(5).c_str()), INFINITE);
+        Notify(qt::kHeld);
     }
     Sleep(INFINITE);
     return 0;
