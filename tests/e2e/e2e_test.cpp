@@ -39,9 +39,8 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(qt::EndAgent(first, 0xC0000005));
     ASSERT_TRUE(started.Wait());
     TerminateProcess(holder.h.get(), 0);
-    const DWORD second = qt::OnlyAgent();
-    EXPECT_NE(first, second);
-    ASSERT_TRUE(qt::EndAgent(second, 0xC0000142));
+    EXPECT_NE(first, qt::OnlyAgent());
+    ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 0xC0000142));
     ASSERT_TRUE(qt::WaitLog("No session to monitor."));
     EXPECT_EQ(0u, Exit(qt::StartWatchDog(L"")));
     ASSERT_TRUE(qt::WaitLog("Session Reload!!"));
@@ -78,6 +77,7 @@ TEST(Supervisor, WholeLife) {
                               "Session Reload!!", "Product Adapter Terminate Event!!",
                               "Wait for All Monitor Thread. dwRet=0", "Watch Dog finished"}));
     EXPECT_EQ(4u, log.Count(" Create Session Agent successfully session ID = 1"));
+    EXPECT_EQ(3u, log.Count("Regkey is changed. check again.")) << "one wake-up per write, none before";
 }
 
 // "Close agents and wait" then terminate; the host's end, a successor's hand-over that starts Keld,
