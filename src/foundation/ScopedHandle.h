@@ -53,46 +53,22 @@ private:
     Type m_h;
 };
 
-struct KernelHandleTraits {
-    typedef HANDLE Type;
-    // Creation calls report failure with null, file and snapshot calls with INVALID_HANDLE_VALUE.
+// A handle kind whose only invalid value is null, closed by pfnClose.
+template <class T, class TResult, TResult(WINAPI* pfnClose)(T)>
+struct HandleTraits {
+    typedef T Type;
+    static bool IsValid(T h) { return h != nullptr; }
+    static void Close(T h) { pfnClose(h); }
+};
+
+// Creation calls report failure with null, file and snapshot calls with INVALID_HANDLE_VALUE.
+struct KernelHandleTraits : HandleTraits<HANDLE, BOOL, CloseHandle> {
     static bool IsValid(HANDLE h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void Close(HANDLE h) { CloseHandle(h); }
-};
-
-struct RegKeyTraits {
-    typedef HKEY Type;
-    static bool IsValid(HKEY h) { return h != nullptr; }
-    static void Close(HKEY h) { RegCloseKey(h); }
-};
-
-struct ServiceHandleTraits {
-    typedef SC_HANDLE Type;
-    static bool IsValid(SC_HANDLE h) { return h != nullptr; }
-    static void Close(SC_HANDLE h) { CloseServiceHandle(h); }
-};
-
-struct WindowStationTraits {
-    typedef HWINSTA Type;
-    static bool IsValid(HWINSTA h) { return h != nullptr; }
-    static void Close(HWINSTA h) { CloseWindowStation(h); }
-};
-
-struct DesktopTraits {
-    typedef HDESK Type;
-    static bool IsValid(HDESK h) { return h != nullptr; }
-    static void Close(HDESK h) { CloseDesktop(h); }
-};
-
-struct LocalMemoryTraits {
-    typedef HLOCAL Type;
-    static bool IsValid(HLOCAL h) { return h != nullptr; }
-    static void Close(HLOCAL h) { LocalFree(h); }
 };
 
 typedef CScopedHandle<KernelHandleTraits> CKernelHandle;
-typedef CScopedHandle<RegKeyTraits> CRegKeyHandle;
-typedef CScopedHandle<ServiceHandleTraits> CServiceHandle;
-typedef CScopedHandle<WindowStationTraits> CWindowStationHandle;
-typedef CScopedHandle<DesktopTraits> CDesktopHandle;
-typedef CScopedHandle<LocalMemoryTraits> CLocalMemory;
+typedef CScopedHandle<HandleTraits<HKEY, LONG, RegCloseKey>> CRegKeyHandle;
+typedef CScopedHandle<HandleTraits<SC_HANDLE, BOOL, CloseServiceHandle>> CServiceHandle;
+typedef CScopedHandle<HandleTraits<HWINSTA, BOOL, CloseWindowStation>> CWindowStationHandle;
+typedef CScopedHandle<HandleTraits<HDESK, BOOL, CloseDesktop>> CDesktopHandle;
+typedef CScopedHandle<HandleTraits<HLOCAL, HLOCAL, LocalFree>> CLocalMemory;

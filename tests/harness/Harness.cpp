@@ -206,8 +206,7 @@ void EndAllAgents(DWORD code) {
 }
 
 void ResetAllAgents() {
-    Handle h = Own(CreateEventW(nullptr, TRUE, FALSE, kAgentExitAll));
-    ResetEvent(h.get());
+    ResetEvent(g_exitAll.get());
     g_exitAll.reset();
 }
 
