@@ -10,10 +10,23 @@ namespace {
 
 DWORD Exit(const qt::Proc& p) { return qt::ExitCode(p).value_or(0xDEAD); }
 
+// QoWatchCtl run as a support engineer would: its exit code, and texts its output must hold.
+void ExpectCtl(const std::wstring& args, DWORD code, const std::vector<std::string>& texts) {
+    const auto [exit, out] = qt::Ctl(args);
+    EXPECT_EQ(code, exit) << qt::ToUtf8(args) << ":\n" << out;
+    for (const std::string& text : texts) {
+        EXPECT_NE(std::string::npos, out.find(text)) << qt::ToUtf8(args) << ": missing " << text << "\n"
+                                                     << out;
+    }
+}
+
 TEST(Supervisor, WholeLife) {
     const std::wstring otherPath = L"C:\\windows;" + qt::PlatformDir() + L"\\bin";
     ASSERT_TRUE(qt::SetString(qt::kEnvKey, L"Path", otherPath + L";" + qt::PlatformDir(), REG_EXPAND_SZ));
     qt::Agents started;
+    ExpectCtl(L"status", 5, {"Supervisor: none", "Keld service: stopped"});
+    ExpectCtl(L"reload", 1,
+              {"nobody listens: Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD could not be set (error 2"});
     const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
 
@@ -22,6 +35,9 @@ TEST(Supervisor, WholeLife) {
     EXPECT_TRUE(qt::Exists(qt::kStartService));
     ASSERT_TRUE(qt::SetString(qt::kInstallKey, L"SetStartEvent", L"1"));
     ASSERT_TRUE(qt::WaitLog("Regkey is changed. check again."));
+    ExpectCtl(L"status", 2,
+              {"at its start gate",
+               "SetStartEvent: \"1\" (registry type 1, not a REG_DWORD): the start gate stays shut"});
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 2));
     ASSERT_TRUE(qt::WaitLog("Regkey is changed. check again.", 2));
     EXPECT_TRUE(qt::Find(L"QoSessionAgent.exe").empty());
@@ -29,6 +45,9 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(started.Wait());
     EXPECT_FALSE(qt::Exists(qt::kStartService));
     EXPECT_EQ(otherPath + L";", qt::ReadString(qt::kEnvKey, L"Path")) << "own directory removed";
+    ExpectCtl(L"status", 0,
+              {"Supervisor: serving", "SetStartEvent: 1 (REG_DWORD): the start gate opens",
+               "; agent " + std::to_string(qt::OnlyAgent())});
 
     // A crash restarts the agent; a graceful end switches the session off, and a log-on with the
     // same shell leaves it off; a new shell brings it back.
@@ -49,14 +68,15 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(started.Wait());
 
     // Stop ends supervision once the agents have ended; a reload starts it anew; terminate ends it.
-    ASSERT_TRUE(qt::Signal(qt::kStop));
+    ExpectCtl(L"stop", 0, {"stop: set Global\\EVENT_ID_BREVANT_STOP_SERVICE"});
     ASSERT_TRUE(qt::WaitLog("KELD Stop"));
     qt::EndAllAgents(0);
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
-    ASSERT_TRUE(qt::Signal(qt::kReload));
+    ExpectCtl(L"status", 4, {"supervision stopped", "NO AGENT"});
+    ExpectCtl(L"reload", 0, {});
     ASSERT_TRUE(started.Wait());
-    ASSERT_TRUE(qt::Signal(qt::kTerminate));
+    ExpectCtl(L"terminate", 0, {});
     ASSERT_TRUE(qt::WaitLog("KELD Stop", 2));
     qt::EndAllAgents(0);
     EXPECT_EQ(0u, Exit(supervisor));
@@ -77,6 +97,13 @@ TEST(Supervisor, WholeLife) {
                               "Session Reload!!", "Product Adapter Terminate Event!!",
                               "Wait for All Monitor Thread. dwRet=0", "Watch Dog finished"}));
     EXPECT_EQ(4u, log.Count(" Create Session Agent successfully session ID = 1"));
+    ExpectCtl(L"log", 0,
+              {"supervisor started",
+               "session 1: agent ended, exit code 3221225477 (crash: access violation); "
+               "restarted",
+               "session 1: off", "run-key instance: asked the supervisor to reload", "session 1: on again",
+               "request served: stop", "ERROR Log writer mutex", "session 1: 4 agent start(s), 1 restart(s)",
+               "0 agent exit(s) not attributed"});
     EXPECT_EQ(3u, log.Count("Regkey is changed. check again.")) << "one wake-up per write, none before";
 }
 
@@ -88,12 +115,12 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc first = qt::StartWatchDog(std::to_wstring(host.pid));
     ASSERT_TRUE(started.Wait());
-    ASSERT_TRUE(qt::Signal(qt::kAgentsAndWait));
+    ExpectCtl(L"close-and-wait", 0, {});
     ASSERT_TRUE(qt::WaitLog("KELD Stop"));  // agents ending before it would end gracefully
     qt::EndAllAgents(0);
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
-    EXPECT_TRUE(qt::Exists(qt::kStartKeld));
+    ExpectCtl(L"status", 3, {"Supervisor: final wait"});
     ASSERT_TRUE(qt::Signal(qt::kTerminate));
     EXPECT_EQ(0u, Exit(first));
     EXPECT_FALSE(qt::Exists(qt::kStartKeld));
@@ -115,9 +142,10 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     EXPECT_EQ(qt::kFailed, Exit(refused));
 
     const qt::Handle noStop = qt::Own(OpenEventW(SYNCHRONIZE, FALSE, qt::kCloseNoStop));
-    ASSERT_TRUE(qt::Signal(qt::kUpdate));
+    ExpectCtl(L"update", 0, {});
     ASSERT_TRUE(qt::WaitLog("Update Event!!"));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(noStop.get(), qt::kWaitMs));
+    ExpectCtl(L"status", 4, {"closing for an update"});
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 1));
     ASSERT_TRUE(started.Wait()) << "still restarting until the close comes from outside";
     ASSERT_TRUE(qt::Signal(qt::kClose));
@@ -133,6 +161,11 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
                       "event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done",
                       "Another instance is running!!", "Update Event!!", "Watch Dog finished"}));
     EXPECT_EQ(1u, log.Count("Start KELD service."));
+    ExpectCtl(L"start-keld", 1, {"nobody listens"});
+    ExpectCtl(L"log", 0,
+              {"request served: close agents and wait: final wait", "the host process ended: final wait",
+               "hand-over: asks the waiting predecessor to start Keld", "starts the Keld service",
+               "ERROR Another instance is running!!", "request served: update", "4 supervisor start(s)"});
 }
 
 // Every start that must not supervise ends with -1 and says why, and starts no agent.

@@ -115,6 +115,27 @@ Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
     return Start(exe, mode);
 }
 
+std::pair<DWORD, std::string> Ctl(const std::wstring& args) {
+    const std::wstring out = Scratch(L"ctl") + L"\\out.txt";
+    SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
+    const Handle file =
+        Own(CreateFileW(out.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &sa, CREATE_ALWAYS, 0, nullptr));
+    std::wstring line = L"\"" + BuildPath("QO_WATCHCTL_EXE") + L"\" " + args;
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = si.hStdError = file.get();
+    PROCESS_INFORMATION pi = {};
+    Proc p;
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, PlatformDir().c_str(), &si,
+                       &pi)) {
+        CloseHandle(pi.hThread);
+        p.h = Own(pi.hProcess);
+    }
+    const DWORD code = ExitCode(p).value_or(0xDEAD);
+    return {code, ReadBytes(out)};
+}
+
 Proc Hold(const wchar_t* mutex) {
     const Handle held = Own(CreateEventW(nullptr, TRUE, FALSE, kHeld));
     Proc holder = StartHelper(L"holder.exe", L"hold " + std::wstring(mutex));

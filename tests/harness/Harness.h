@@ -61,6 +61,8 @@ std::optional<DWORD> ExitCode(const Proc& p, DWORD ms = kWaitMs);
 // qo_helper.exe copied as name into a directory of its own and started with mode ("idle": a host
 // process or, named explorer.exe, a shell).
 Proc StartHelper(const std::wstring& name, const std::wstring& mode);
+// QoWatchCtl.exe with these arguments, in the platform directory: its exit code and its output.
+std::pair<DWORD, std::string> Ctl(const std::wstring& args);
 // Another process that has taken this mutex and keeps it.
 Proc Hold(const wchar_t* mutex);
 // Pids of the processes whose executable name is exactly this (any case); "*" for all.
