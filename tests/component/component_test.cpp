@@ -10,6 +10,7 @@
 #include "Harness.h"
 #include "foundation/logging.h"
 #include "session/SessionAgentMonitor.h"
+#include "session/utilInteractiveProcess.h"
 #include "session/utilWinUserSession.h"
 #include "watchdog/QoWatchDog.h"
 #include "watchdog/WatchDog.h"
@@ -141,6 +142,20 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
         EXPECT_NE(std::string::npos, report.find("\n" + qt::ToUtf8(line))) << report;
     }
 
+    // The user's block as the system gives it: its size counts every entry and the closing NULs; a
+    // null name or value changes nothing.
+    HANDLE shellToken = nullptr;
+    const qt::Proc shell{
+        qt::Own(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, qt::Find(L"explorer.exe").front())), 0};
+    ASSERT_TRUE(OpenProcessToken(shell.h.get(), TOKEN_QUERY | TOKEN_DUPLICATE, &shellToken));
+    CEnvBlock env(shellToken, FALSE);
+    CloseHandle(shellToken);
+    size_t chars = 1;
+    for (const std::wstring& entry : env.GetEntries())
+        chars += entry.size() + 1;
+    EXPECT_EQ(static_cast<INT32>(chars * sizeof(wchar_t)), env.GetSize());
+    EXPECT_FALSE(env.PrependValue(nullptr, L"C:\\x") || env.PrependValue(L"Path", nullptr));
+
     SessionRecord missing = Session(1, qt::Find(L"explorer.exe").front());
     EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\Missing.exe", qt::AgentDir(), missing));
     SessionRecord notAShell = Session(1, GetCurrentProcessId());  // a shell's id, reused
@@ -181,7 +196,7 @@ TEST(Monitors, BatchesRestartAgentGoneAndClose) {
     ASSERT_TRUE(MoveFileW(agent.c_str(), (agent + L".away").c_str()));
     ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 1), 1));
     ASSERT_TRUE(qt::WaitLog("No Session Agent Needs to Wait.", 1, log));
-    pWatchDog->SetCloseEvent(true);
+    EXPECT_TRUE(pWatchDog->SetCloseEvent(false) && pWatchDog->SetCloseEvent(true));
     WaitForAllMonitorThreads();
     EXPECT_EQ(0u, pWatchDog->GetLiveMonitorCount());
     WaitForAllMonitorThreads();

@@ -149,8 +149,10 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 1));
     ASSERT_TRUE(started.Wait()) << "still restarting until the close comes from outside";
     ASSERT_TRUE(qt::Signal(qt::kClose));
+    ASSERT_TRUE(qt::WaitLog("KELD Stop", 3));
     qt::EndAllAgents(0);
     EXPECT_EQ(0u, Exit(third));
+    qt::ResetAllAgents();
 
     const qt::Log log = qt::ReadLog();
     EXPECT_EQ(
@@ -162,10 +164,21 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
                       "Another instance is running!!", "Update Event!!", "Watch Dog finished"}));
     EXPECT_EQ(1u, log.Count("Start KELD service."));
     ExpectCtl(L"start-keld", 1, {"nobody listens"});
+
+    // A supervisor in its final wait asked to start Keld while it already runs: it only ends.
+    const qt::Proc fourth = qt::StartWatchDog(std::to_wstring(host.pid));
+    ASSERT_TRUE(started.Wait());
+    ExpectCtl(L"close-and-wait", 0, {});
+    ASSERT_TRUE(qt::WaitLog("KELD Stop", 4));
+    qt::EndAllAgents(0);
+    ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0", 4));
+    ExpectCtl(L"start-keld", 0, {"start-keld: set Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC"});
+    EXPECT_EQ(0u, Exit(fourth));
+    EXPECT_EQ(1u, qt::ReadLog().Count("KELD service is running."));
     ExpectCtl(L"log", 0,
               {"request served: close agents and wait: final wait", "the host process ended: final wait",
                "hand-over: asks the waiting predecessor to start Keld", "starts the Keld service",
-               "ERROR Another instance is running!!", "request served: update", "4 supervisor start(s)"});
+               "ERROR Another instance is running!!", "request served: update", "5 supervisor start(s)"});
 }
 
 // Every start that must not supervise ends with -1 and says why, and starts no agent.
