@@ -1,6 +1,7 @@
 // QoDemo.exe: one life of the real QoWatchDog.exe, told step by step: what was done, what was seen,
 // and the watchdog's log lines each step produced. Exits with 1 at the first step that does not go
-// as told.
+// as told. Requests go through QoWatchCtl, as a support engineer sends them; it ends with
+// QoWatchCtl status and QoWatchCtl log.
 #include <windows.h>
 
 #include <cstdio>
@@ -26,6 +27,13 @@ bool Step(const char* what, const std::function<std::string()>& act) {
         std::printf("%10s| [%lu] %s%s\n", "", line.pid, line.error ? "[ERROR] " : "", line.message.c_str());
     }
     return !seen.empty();
+}
+
+// A request sent as a support engineer sends it: QoWatchCtl says what it set; empty when it could not.
+bool Request(const wchar_t* pszCommand) {
+    const auto [code, out] = qt::Ctl(pszCommand);
+    std::printf("%10s> QoWatchCtl %s: %s", "", qt::ToUtf8(pszCommand).c_str(), out.c_str());
+    return code == 0;
 }
 
 std::string Pid(DWORD pid) { return pid != 0 ? std::to_string(pid) : std::string(); }
@@ -98,19 +106,13 @@ int main() {
              }) &&
         Step("Product Adapter: stop",
              [] {
-                 qt::Signal(qt::kStop);
-                 return Closed(1, "supervision stopped, agents ended; supervisor still runs");
+                 return !Request(L"stop")
+                            ? ""
+                            : Closed(1, "supervision stopped, agents ended; supervisor still runs");
              }) &&
-        Step("reload",
-             [] {
-                 qt::Signal(qt::kReload);
-                 return NewAgent("supervision anew, agent");
-             }) &&
+        Step("reload", [] { return !Request(L"reload") ? "" : NewAgent("supervision anew, agent"); }) &&
         Step("Product Adapter: terminate",
-             [&] {
-                 qt::Signal(qt::kTerminate);
-                 return Terminated(2, supervisor);
-             }) &&
+             [&] { return !Request(L"terminate") ? "" : Terminated(2, supervisor); }) &&
         Step("host starts a new supervisor",
              [&] {
                  supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
@@ -131,11 +133,13 @@ int main() {
                             ? NewAgent("old one started Keld and left; agent")
                             : "";
              }) &&
-        Step("Product Adapter: terminate", [&] {
-            qt::Signal(qt::kTerminate);
-            return Terminated(4, successor);
-        });
+        Step("Product Adapter: terminate",
+             [&] { return !Request(L"terminate") ? "" : Terminated(4, successor); });
     const qt::Log log = qt::ReadLog();
+    for (const wchar_t* pszCommand : {L"status", L"log"}) {
+        std::printf("\n> QoWatchCtl %s\n%s", qt::ToUtf8(pszCommand).c_str(),
+                    qt::Ctl(pszCommand).second.c_str());
+    }
     std::printf("\n%s: %zu log lines, %zu ERROR, %zu malformed.\n",
                 lived ? "The life went as told" : "FAILED", log.lines.size(), log.Errors(),
                 log.malformed.size());
