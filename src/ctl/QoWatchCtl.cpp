@@ -97,7 +97,8 @@ std::string KeldState() {
 struct Process {
     DWORD dwPid;
     DWORD dwSession;
-    std::wstring strImage;
+    std::wstring strName;   // the executable's file name
+    std::wstring strImage;  // its full path; empty when the process cannot be queried
 };
 
 std::vector<Process> Processes() {
@@ -107,7 +108,7 @@ std::vector<Process> Processes() {
     entry.dwSize = sizeof(entry);
     for (BOOL bMore = Process32FirstW(snapshot.Get(), &entry); bMore;
          bMore = Process32NextW(snapshot.Get(), &entry)) {
-        Process p = {entry.th32ProcessID, 0, entry.szExeFile};
+        Process p = {entry.th32ProcessID, 0, entry.szExeFile, L""};
         ProcessIdToSessionId(p.dwPid, &p.dwSession);
         const CKernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, p.dwPid));
         wchar_t szImage[MAX_PATH] = {};
@@ -121,8 +122,6 @@ std::vector<Process> Processes() {
 }
 
 bool SameFile(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
-
-std::wstring FileName(const std::wstring& strPath) { return strPath.substr(strPath.find_last_of(L'\\') + 1); }
 
 // The last log line that names the session, or empty.
 std::string LastLogLineOf(const std::wstring& strLog, DWORD dwSession) {
@@ -177,7 +176,7 @@ int Status(const std::wstring& strPlatform) {
     std::string strPids;
     const std::vector<Process> vecProcesses = Processes();
     for (const Process& p : vecProcesses) {
-        if (_wcsicmp(FileName(p.strImage.empty() ? L"?" : p.strImage).c_str(), L"QoWatchDog.exe") == 0) {
+        if (_wcsicmp(p.strName.c_str(), L"QoWatchDog.exe") == 0) {
             strPids += " " + std::to_string(p.dwPid);
         }
     }
@@ -205,7 +204,7 @@ int Status(const std::wstring& strPlatform) {
 
     std::map<DWORD, std::pair<std::string, std::string>> mapSessions;  // shells, agents
     for (const Process& p : vecProcesses) {
-        if (_wcsicmp(p.strImage.empty() ? L"" : FileName(p.strImage).c_str(), L"explorer.exe") == 0) {
+        if (_wcsicmp(p.strName.c_str(), L"explorer.exe") == 0) {
             mapSessions[p.dwSession].first += " " + std::to_string(p.dwPid);
         } else if (szName[0] != L'\0' && SameFile(p.strImage, strAgent)) {
             mapSessions[p.dwSession].second += " " + std::to_string(p.dwPid);
