@@ -2,6 +2,7 @@
 // attributes and flags, and damaged input. Portable: runs natively and under Wine.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,9 +25,14 @@ struct Result {
 };
 
 Result Timeline(const std::vector<std::string>& contents, std::vector<std::string> options = {}) {
+    // A directory of this run's own: another user's or run's files may stand in the temporary one.
+    static const auto s_dir =
+        std::filesystem::temp_directory_path() /
+        ("qoctl-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+    std::filesystem::create_directories(s_dir);
     std::vector<std::string> args;
     for (size_t i = 0; i < contents.size(); ++i) {
-        const auto path = std::filesystem::temp_directory_path() / ("qoctl-" + std::to_string(i) + ".log");
+        const auto path = s_dir / ("qoctl-" + std::to_string(i) + ".log");
         std::ofstream(path, std::ios::binary) << contents[i];
         args.push_back(path.string());
     }
