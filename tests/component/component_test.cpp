@@ -155,6 +155,8 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
         chars += entry.size() + 1;
     EXPECT_EQ(static_cast<INT32>(chars * sizeof(wchar_t)), env.GetSize());
     EXPECT_FALSE(env.PrependValue(nullptr, L"C:\\x") || env.PrependValue(L"Path", nullptr));
+    env.SetVariable(L"QoTestNew", L"1");
+    EXPECT_EQ(L"QoTestNew=1", env.GetEntries().back()) << "a variable the user lacks is appended";
 
     SessionRecord missing = Session(1, qt::Find(L"explorer.exe").front());
     EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\Missing.exe", qt::AgentDir(), missing));

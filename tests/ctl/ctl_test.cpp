@@ -134,6 +134,7 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     EXPECT_EQ(2, Timeline({""}, {"--since", "yesterday"}).code);
     EXPECT_EQ(2, Timeline({""}, {"--session", "x"}).code);
     EXPECT_EQ(2, Timeline({""}, {"--verbose"}).code);
+    EXPECT_EQ(2, Timeline({""}, {"--session"}).code) << "an option without its value";
 
     std::string huge;
     for (int i = 0; i < 20000; ++i) {

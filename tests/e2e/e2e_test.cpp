@@ -45,7 +45,7 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(started.Wait());
     EXPECT_FALSE(qt::Exists(qt::kStartService));
     EXPECT_EQ(otherPath + L";", qt::ReadString(qt::kEnvKey, L"Path")) << "own directory removed";
-    ExpectCtl(L"status", 0,
+    ExpectCtl(L"status --platform \"" + qt::PlatformDir() + L"\"", 0,
               {"Supervisor: serving", "SetStartEvent: 1 (REG_DWORD): the start gate opens",
                "; agent " + std::to_string(qt::OnlyAgent())});
 
