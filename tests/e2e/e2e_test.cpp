@@ -97,6 +97,7 @@ TEST(Supervisor, WholeLife) {
                               "Session Reload!!", "Product Adapter Terminate Event!!",
                               "Wait for All Monitor Thread. dwRet=0", "Watch Dog finished"}));
     EXPECT_EQ(4u, log.Count(" Create Session Agent successfully session ID = 1"));
+    EXPECT_EQ(1u, log.Count("No session to monitor.")) << "only once the last agent has ended gracefully";
     ExpectCtl(L"log", 0,
               {"supervisor started",
                "session 1: agent ended, exit code 3221225477 (crash: access violation); "
