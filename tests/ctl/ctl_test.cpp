@@ -119,12 +119,13 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
 
 TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     // A rotated file first, then the current one; a torn line and an unknown message in between.
-    const std::string torn = L(0, 0, 10, "Start Watch Dog").substr(0, 30) + "\r\n";
+    std::string torn = L(0, 0, 10, "Start Watch Dog").substr(0, 30) + "\r\n" + L(0, 0, 10, "x");
+    torn.replace(torn.rfind("Nov"), 3, "Nav");  // no such month
     Result run = Timeline({L(0, 0, 10, "Watch Dog started") + torn + L(0, 1, 10, "Something new"),
                            L(0, 2, 10, "Watch Dog finished")});
     EXPECT_EQ(0, run.code);
     ExpectHas(run.out, {"MALFORMED", "qoctl-0.log:2: [Mon Nov 16 20:00:00 2026][10]\n", "supervisor started",
-                        "ended (exit code 0)", "Summary: 3 log lines, 1 malformed"});
+                        "ended (exit code 0)", "Summary: 3 log lines, 2 malformed"});
     EXPECT_LT(run.out.find("qoctl-0.log"), run.out.find("qoctl-1.log"));
 
     run = Timeline({"not a log\nat all\n", ""});
@@ -140,8 +141,10 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     for (int i = 0; i < 20000; ++i) {
         huge += Exit(i % 60, i % 60, 10, 0, "1") + Started(i % 60, i % 60, 10, 100 + i, i % 7);
     }
-    run = Timeline({huge}, {"--session", "99"});
-    ExpectHas(run.out, {"Summary: 60000 log lines, 0 malformed", "0 agent exit(s) not attributed"});
+    run = Timeline({huge}, {"--session", "0"});
+    ExpectHas(run.out,
+              {"Summary: 60000 log lines, 0 malformed", "0 agent exit(s) not attributed", "  session 0: "});
+    EXPECT_EQ(std::string::npos, run.out.find("  session 1: ")) << "the summary of session 0 alone";
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ TEST(Supervisor, WholeLife) {
     qt::EndAllAgents(0);
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
-    ExpectCtl(L"status", 4, {"supervision stopped", "NO AGENT"});
+    ExpectCtl(L"status", 4, {"supervision stopped", "NO AGENT", "last in the log: [", "session ID = 1"});
     ExpectCtl(L"reload", 0, {});
     ASSERT_TRUE(started.Wait());
     ExpectCtl(L"terminate", 0, {});
