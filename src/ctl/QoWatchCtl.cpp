@@ -39,16 +39,35 @@ std::string Utf8(const std::wstring& text) {
     return out;
 }
 
-bool EventSet(const wchar_t* pszName, bool& bExists) {
-    const CKernelHandle event(OpenEventW(SYNCHRONIZE, FALSE, pszName));
-    bExists = event.IsValid();
-    return bExists && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
+bool EventExists(const wchar_t* pszName) {
+    return CKernelHandle(OpenEventW(SYNCHRONIZE, FALSE, pszName)).IsValid();
 }
 
-bool EventExists(const wchar_t* pszName) {
-    bool bExists = false;
-    EventSet(pszName, bExists);
-    return bExists;
+// Only for manual-reset events: a look at an auto-reset one would take its signal.
+bool ManualEventIsSet(const wchar_t* pszName) {
+    const CKernelHandle event(OpenEventW(SYNCHRONIZE, FALSE, pszName));
+    return event.IsValid() && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
+}
+
+// The supervisor's phase, read from its named objects, and the exit code that tells it.
+std::pair<int, std::string> Phase() {
+    if (!BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists()) {
+        return {STATUS_NONE, "none: no supervisor holds " + Utf8(QO_WATCH_DOG_NAMED_MUTEX)};
+    }
+    if (EventExists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC)) {
+        return {STATUS_FINAL_WAIT,
+                "final wait: the host has ended or agents were closed; a successor starts Keld"};
+    }
+    if (EventExists(EVENT_ID_BREVANT_START_SERVICE) || !EventExists(EVENT_ID_BREVANT_WATCHDOG_RELOAD)) {
+        return {STATUS_AT_GATE, "at its start gate (waits for SetStartEvent = 1)"};
+    }
+    if (ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD)) {
+        return {STATUS_STOPPED, "closing for an update: agents kept until the close event is set"};
+    }
+    if (ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE)) {
+        return {STATUS_STOPPED, "supervision stopped: the close event is set; a reload restarts it"};
+    }
+    return {STATUS_SERVING, "serving"};
 }
 
 std::wstring RegText(HKEY hRoot, const wchar_t* pszKey, const wchar_t* pszValue) {
@@ -154,25 +173,7 @@ std::wstring LogPath() {
 }
 
 int Status(const std::wstring& strPlatform) {
-    const bool bMutex = BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists();
-    bool bCloseExists = false, bNoStopExists = false;
-    const bool bClosed = EventSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE, bCloseExists);
-    const bool bUpdating = EventSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD, bNoStopExists);
-    const bool bReload = EventExists(EVENT_ID_BREVANT_WATCHDOG_RELOAD);
-    int nCode = STATUS_NONE;
-    std::string strPhase = "none: no supervisor holds " + Utf8(QO_WATCH_DOG_NAMED_MUTEX);
-    if (bMutex && EventExists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC)) {
-        nCode = STATUS_FINAL_WAIT,
-        strPhase = "final wait: the host has ended or agents were closed; a successor starts Keld";
-    } else if (bMutex && (EventExists(EVENT_ID_BREVANT_START_SERVICE) || !bReload)) {
-        nCode = STATUS_AT_GATE, strPhase = "at its start gate (waits for SetStartEvent = 1)";
-    } else if (bMutex && (bClosed || bUpdating)) {
-        nCode = STATUS_STOPPED,
-        strPhase = bUpdating ? "closing for an update: agents kept until the close event is set"
-                             : "supervision stopped: the close event is set; a reload restarts it";
-    } else if (bMutex) {
-        nCode = STATUS_SERVING, strPhase = "serving";
-    }
+    auto [nCode, strPhase] = Phase();
     std::string strPids;
     const std::vector<Process> vecProcesses = Processes();
     for (const Process& p : vecProcesses) {
