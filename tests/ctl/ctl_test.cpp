@@ -144,7 +144,7 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     run = Timeline({huge}, {"--session", "0"});
     ExpectHas(run.out,
               {"Summary: 60000 log lines, 0 malformed", "0 agent exit(s) not attributed", "  session 0: "});
-    EXPECT_EQ(std::string::npos, run.out.find("  session 1: ")) << "the summary of session 0 alone";
+    EXPECT_EQ(std::string::npos, run.out.find("session 1: ")) << "the timeline and summary of session 0 alone";
 }
 
 }  // namespace
