@@ -5,7 +5,10 @@
 
 #include <tlhelp32.h>
 
-#include <cstdio>
+#include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <string>
@@ -142,26 +145,24 @@ std::vector<Process> Processes() {
 
 bool SameFile(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
 
-// The last log line that names the session, or empty.
-std::string LastLogLineOf(const std::wstring& strLog, DWORD dwSession) {
-    FILE* pFile = _wfopen(strLog.c_str(), L"rb");
-    std::string strLast, strLine;
-    const std::string strOff = "session (" + std::to_string(dwSession) + ")";
-    const std::string strId = "session ID = " + std::to_string(dwSession);
-    for (int c = pFile != nullptr ? std::fgetc(pFile) : EOF; c != EOF; c = std::fgetc(pFile)) {
-        if (c != '\n') {
-            strLine += static_cast<char>(c);
-            continue;
+// The last log line that names each session ("session (N)" or "session ID = N"), read in one pass.
+std::map<DWORD, std::string> LastLogLines(const std::wstring& strLog) {
+    std::map<DWORD, std::string> mapLast;
+    std::ifstream log(std::filesystem::path(strLog), std::ios::binary);
+    std::string strLine;
+    while (std::getline(log, strLine)) {
+        if (!strLine.empty() && strLine.back() == '\r') {
+            strLine.pop_back();
         }
-        if (strLine.find(strOff) != std::string::npos || strLine.find(strId + "\r") != std::string::npos) {
-            strLast = strLine;
+        for (const char* pszKey : {"session (", "session ID = "}) {
+            const size_t at = strLine.find(pszKey);
+            if (at != std::string::npos &&
+                std::isdigit(static_cast<unsigned char>(strLine[at + strlen(pszKey)]))) {
+                mapLast[std::stoul(strLine.substr(at + strlen(pszKey)))] = strLine;
+            }
         }
-        strLine.clear();
     }
-    if (pFile != nullptr) {
-        std::fclose(pFile);
-    }
-    return strLast.substr(0, strLast.find_last_not_of("\r") + 1);
+    return mapLast;
 }
 
 std::wstring LogPath() {
@@ -213,6 +214,7 @@ int Status(const std::wstring& strPlatform) {
     }
     std::cout << "Sessions:" << (mapSessions.empty() ? " none with a shell" : "") << "\n";
     bool bMissing = false;
+    std::map<DWORD, std::string> mapLast = LastLogLines(strLog);
     for (const auto& entry : mapSessions) {
         std::cout << "  session " << entry.first << ": shell"
                   << (entry.second.first.empty() ? " none" : entry.second.first);
@@ -220,7 +222,7 @@ int Status(const std::wstring& strPlatform) {
             std::cout << "; agent" << entry.second.second << "\n";
             continue;
         }
-        const std::string strLast = LastLogLineOf(strLog, entry.first);
+        const std::string& strLast = mapLast[entry.first];
         const bool bOff = strLast.find(") is off.") != std::string::npos;
         bMissing = bMissing || (!bOff && !entry.second.first.empty());
         std::cout << "; NO AGENT" << (bOff ? " (off after its agent's end)" : "")

@@ -54,7 +54,6 @@ bool CMutex::Exists() const {
 }
 
 bool CMutex::Create() {
-    Close();  // a second Create must not leak the handle held so far
     if (!Exists()) {
         // No descriptor: the creator's default security, with an inheritable handle.
         SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};

@@ -67,7 +67,7 @@ HANDLE LogWriterMutex() {
 bool g_bWriterMutexStuck = false;
 
 // Holds the writers' mutex for one line; an owner that died mid-line leaves it abandoned, which
-// still hands it over. False from Held() when the line goes out without it.
+// still hands it over. Past the bounded wait the line goes out without it.
 class CLogWriterTurn : private boost::noncopyable {
 public:
     explicit CLogWriterTurn(HANDLE hMutex) : m_hMutex(nullptr) {
