@@ -8,6 +8,7 @@
 
 #include "foundation/CRegKey.h"
 #include "foundation/ScopedHandle.h"
+#include "foundation/ProcessSession.h"
 #include "foundation/logging.h"
 #include "session/utilInteractiveProcess.h"
 
@@ -29,7 +30,7 @@ bool EnumUserSession(std::vector<SessionRecord>& sessions) {
         if (_wcsicmp(entry.szExeFile, L"explorer.exe") == 0) {
             DWORD dwSessionId = 0;
             // A shell that has exited meanwhile, or cannot be queried, is simply not listed.
-            if (ProcessIdToSessionId(entry.th32ProcessID, &dwSessionId)) {
+            if (GetProcessSessionId(entry.th32ProcessID, dwSessionId)) {
                 SessionRecord record = {};
                 record.dwSessionId = dwSessionId;
                 record.dwExplorerPid = entry.th32ProcessID;
@@ -54,7 +55,7 @@ bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
         strName = strName.substr(strName.find_last_of(L'\\') + 1);
     }
     DWORD dwSessionId = 0;
-    const bool bSession = ProcessIdToSessionId(record.dwExplorerPid, &dwSessionId) != FALSE;
+    const bool bSession = GetProcessSessionId(record.dwExplorerPid, dwSessionId);
     if (_wcsicmp(strName.c_str(), L"explorer.exe") == 0 && bSession && dwSessionId == record.dwSessionId) {
         return true;
     }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "foundation/ProcessSession.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
 #include "foundation/TrimWorkingSet.h"
@@ -309,7 +310,7 @@ bool GetKeldDebugLogPath(std::wstring& strDir, std::wstring& strMessage) {
 bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
     const DWORD dwStart = GetTickCount();
     DWORD dwOwnSession = 0;
-    if (!ProcessIdToSessionId(GetCurrentProcessId(), &dwOwnSession)) {
+    if (!GetProcessSessionId(GetCurrentProcessId(), dwOwnSession)) {
         const DWORD dwErr = GetLastError();
         LOG_ERROR(L"ProcessIdToSessionId Error:" << dwErr);
         return false;

@@ -1,13 +1,18 @@
 // The watchdog's parts called directly, against Wine's real files, registry, processes and
-// window stations. Wine has one session (1): records of other ids have their start refused at the
-// shell check, and the agents that start are real.
+// window stations. Wine has one session (1): stand-in shells (the helper copied as explorer.exe) get
+// the sessions of a terminal server from the lookup table this program links (SessionTable.h); the
+// snapshot, the shell check, the token, the launch and the agents are real.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <random>
+#include <set>
 #include <thread>
 
 #include "Harness.h"
+#include "SessionTable.h"
 #include "foundation/logging.h"
 #include "session/SessionAgentMonitor.h"
 #include "session/utilInteractiveProcess.h"
@@ -35,11 +40,6 @@ size_t SizeOf(const std::wstring& path) {
 }
 
 SessionRecord Session(DWORD id, DWORD shellPid) { return SessionRecord{id, shellPid, nullptr, false}; }
-
-DWORD AgentOf(CWatchDog* pWatchDog, DWORD session) {
-    SessionSnapshot snapshot = {};
-    return pWatchDog->GetSessionSnapshot(session, snapshot) ? snapshot.dwAgentPid : 0;
-}
 
 TEST(Log, LineFormCutsAndFaults) {
     const std::wstring path = UseLog(L"log");
@@ -174,47 +174,251 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
                          " of session 1 now names component_test.exe in session 1: its token is not used"}));
 }
 
-// Monitors of batches of 62 session ids. A shell id that names no shell of the record's session
-// is refused; an agent program gone at a restart switches the session off and ends its monitor;
-// the close ends the rest, and the last release closes the watchdog's events.
-TEST(Monitors, BatchesRestartAgentGoneAndClose) {
+// A terminal server: stand-in shells in sessions of the table, served by the real watchdog with its
+// monitors, threads and agents. A step acts, waits until the watchdog has handled it, then compares
+// every session, the monitors and the agent processes with a model of what the watchdog must hold.
+struct Server {
+    enum State { NONE, WAITING, RUNNING, OFF };  // NONE: no record, never registered or forgotten
+    struct Entry {
+        DWORD shell = 0, registered = 0;  // its live shell, and the one its record names
+        State state = NONE;
+    };
+    std::map<DWORD, Entry> m;
+    std::set<DWORD> monitors;  // the batches registered into since the last stop
+    std::map<DWORD, qt::Proc> shells;
+    CWatchDog* w = CWatchDog::GetInstance();
+    qt::LogTail tail;
+    qt::Agents ready;
+    std::string steps;
+    size_t reloads = 0, checks = 0, every = 1;  // listing the processes costs 0.1 s: every so many steps
+
+    explicit Server(const std::wstring& log) : tail(log) {}
+    DWORD Agent(DWORD s) {
+        SessionSnapshot snap = {};
+        return w->GetSessionSnapshot(s, snap) ? snap.dwAgentPid : 0;
+    }
+    DWORD Shell(DWORD s, const std::wstring& name = L"explorer.exe") {
+        if (m[s].shell != 0)
+            EndShell(s);
+        qt::Proc p = qt::StartHelper(name, L"idle");
+        qt::SetSession(p.pid, s);
+        m[s].shell = p.pid;
+        return (shells[p.pid] = std::move(p)).pid;
+    }
+    bool EndShell(DWORD s) {
+        const qt::Proc shell = std::move(shells[m[s].shell]);
+        shells.erase(std::exchange(m[s].shell, 0));
+        qt::ForgetSession(shell.pid);
+        return TerminateProcess(shell.h.get(), 0) && qt::ExitCode(shell);
+    }
+    bool End(DWORD s, DWORD code) {
+        const bool graceful = code == 0 || code == 0xC0000142 || code == 0x40010004;
+        m[s].state = graceful ? OFF : RUNNING;
+        return qt::EndAgent(Agent(s), code) &&
+               (graceful ? tail.Wait("session (" + std::to_string(s) + ") is off.") : ready.Wait());
+    }
+    bool Reload() {
+        int starts = 0;
+        for (auto& [s, x] : m) {
+            if (x.shell != 0 && s <= 3037) {
+                const bool off = x.state == OFF && x.registered == x.shell;
+                starts += x.state == NONE || (x.state == OFF && !off) ? 1 : 0;
+                x = {x.shell, x.shell, off ? OFF : RUNNING};
+                monitors.insert(s / 62);
+            }
+        }
+        w->ReloadSessions();
+        ++reloads;
+        return ready.Wait(starts, 90000);
+    }
+    bool Stop() {
+        const bool seen = w->SetCloseEvent(true) && tail.Wait("KELD Stop", monitors.size());
+        qt::EndAllAgents(1);  // once their monitors have stopped
+        WaitForAllMonitorThreads();
+        qt::ResetAllAgents();
+        for (auto& entry : m)
+            entry.second = {entry.second.shell, 0, NONE};
+        monitors.clear();
+        return seen;
+    }
+    // Records whose shell cannot serve: their agents are refused and the sessions forgotten.
+    bool Refused(const std::vector<DWORD>& ids, DWORD pid, const std::string& line) {
+        for (const DWORD s : ids) {
+            w->RegisterSessions({Session(s, pid)});
+            monitors.insert(s / 62);
+        }
+        return tail.Wait(line, ids.size());
+    }
+
+    // "" when the step settled and the watchdog matches the model, else what differs.
+    std::string Step(const std::string& name, const std::function<bool()>& act) {
+        steps += " " + name;
+        tail.Mark();
+        if (!act())
+            return "did not settle: " + name + "; steps:" + steps + "\nthe log since:" + tail.Seen();
+        static const char* const kNames[] = {"none", "waiting", "running", "off"};
+        std::set<DWORD> agents;
+        for (auto& [s, x] : m) {
+            SessionSnapshot snap = {};
+            const State state = !w->GetSessionSnapshot(s, snap) ? NONE : static_cast<State>(snap.eState + 1);
+            if (state != x.state || (state == RUNNING && !agents.insert(snap.dwAgentPid).second))
+                return "session " + std::to_string(s) + ": model " + kNames[x.state] + ", watchdog " +
+                       kNames[state] + " agent " + std::to_string(snap.dwAgentPid) + "; steps:" + steps;
+        }
+        std::string seen = std::to_string(w->GetLiveMonitorCount()) + " monitors, ";
+        if (++checks % every == 0) {
+            const std::vector<DWORD> running = qt::Find(L"QoSessionAgent.exe");
+            seen += std::to_string(running.size()) + " agent processes";
+            if (std::set<DWORD>(running.begin(), running.end()) != agents)
+                return seen + ", " + std::to_string(agents.size()) + " held by sessions; steps:" + steps;
+        }
+        return w->GetLiveMonitorCount() == monitors.size() ? "" : seen + "; steps:" + steps;
+    }
+};
+
+// SeAgntMaxNum limits each monitor: with 1, of sessions 3 and 5 only 3 gets an agent, and 5 gets one
+// at the refresh after 3's agent has ended gracefully; 65, in the next batch, has its own. An agent
+// program gone at a restart switches the session off and ends its monitor; the close ends the rest,
+// and the last release closes the watchdog's events.
+TEST(Monitors, AgentLimitAgentGoneAndClose) {
     const std::wstring log = UseLog(L"monitors");
     SetCurrentDirectoryW(qt::PlatformDir().c_str());
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 1));
     const std::wstring agent = qt::Scratch(L"moved") + L"\\QoSessionAgent.exe";
     ASSERT_TRUE(CopyFileW((qt::AgentDir() + L"\\QoSessionAgent.exe").c_str(), agent.c_str(), FALSE));
-    qt::Agents started;
-    CWatchDog* pWatchDog = CWatchDog::GetInstance();
-    ASSERT_TRUE(pWatchDog->Init(agent.c_str(), qt::AgentDir().c_str()));
-    const DWORD shell = qt::Find(L"explorer.exe").front();
-    pWatchDog->RegisterSessions({Session(1, shell), Session(62, shell), Session(3038, shell)});
-    ASSERT_TRUE(started.Wait());
-    EXPECT_EQ(2u, pWatchDog->GetLiveMonitorCount());
-    const DWORD first = AgentOf(pWatchDog, 1);
-    ASSERT_TRUE(qt::EndAgent(first, 0xC0000005));
-    ASSERT_TRUE(started.Wait());
-    EXPECT_NE(first, AgentOf(pWatchDog, 1));
+    Server srv(log);
+    ASSERT_TRUE(srv.w->Init(agent.c_str(), qt::AgentDir().c_str()));
+    srv.w->RegisterSessions({Session(3, srv.Shell(3)), Session(5, srv.Shell(5)), Session(65, srv.Shell(65))});
+    ASSERT_TRUE(srv.ready.Wait(2));
+    SessionSnapshot five = {};
+    ASSERT_TRUE(srv.w->GetSessionSnapshot(5, five));
+    EXPECT_EQ(SESSION_WAITING, five.eState);
+    EXPECT_NE(0u, srv.Agent(65));
+    EXPECT_EQ(2u, srv.w->GetLiveMonitorCount());
+    ASSERT_TRUE(srv.End(3, 0) && srv.ready.Wait());
+    EXPECT_NE(0u, srv.Agent(5));
 
     ASSERT_TRUE(MoveFileW(agent.c_str(), (agent + L".away").c_str()));
-    ASSERT_TRUE(qt::EndAgent(AgentOf(pWatchDog, 1), 1));
+    ASSERT_TRUE(qt::EndAgent(srv.Agent(5), 1));
     ASSERT_TRUE(qt::WaitLog("No Session Agent Needs to Wait.", 1, log));
-    EXPECT_TRUE(pWatchDog->SetCloseEvent(false) && pWatchDog->SetCloseEvent(true));
-    WaitForAllMonitorThreads();
-    EXPECT_EQ(0u, pWatchDog->GetLiveMonitorCount());
+    EXPECT_TRUE(srv.w->SetCloseEvent(false));
+    ASSERT_TRUE(srv.Stop());
+    EXPECT_EQ(0u, srv.w->GetLiveMonitorCount());
     WaitForAllMonitorThreads();
     EXPECT_EQ(1, CWatchDog::GetRefCount());
     CWatchDog::ReleaseInstance();
     EXPECT_EQ(0, CWatchDog::GetRefCount());
     EXPECT_FALSE(qt::Exists(qt::kClose)) << "the last release closes the watchdog's events";
     const qt::Log lines = qt::ReadLog(log);
-    EXPECT_EQ(1u, lines.Count("m_shpSessionManager->IsCreated Ret=-1"));
-    EXPECT_EQ(1u, lines.Count("of session 62 now names explorer.exe in session 1: its token is not used"));
+    EXPECT_EQ(0u, lines.Count("No session to monitor.")) << "a monitor with an agent left has sessions";
     EXPECT_EQ(
-        "", qt::InOrder(lines, {"Load SeAgntMaxNum=1", "exitcode=3221225477",
-                                "Newly created process id=", "CreateProcessAsUser GetLastError=2",
-                                "session (1) is off.", "Session Agent re-create failed",
-                                "No Session Agent Needs to Wait.", "KELD Stop",
+        "", qt::InOrder(lines, {"Load SeAgntMaxNum=1", "session (3) is off.", "session ID = 5",
+                                "CreateProcessAsUser GetLastError=2", "session (5) is off.",
+                                "Session Agent re-create failed", "No Session Agent Needs to Wait.",
+                                "KELD Stop", "Wait for All Session Agent. dwRet=0",
                                 "Wait for All Monitor Thread. dwRet=0", "No Monitor Thread to be Waited."}));
+}
+
+// Every session of many: batches of 62 with a monitor thread each and one agent per session. In
+// every batch an exit code decides between a restart and off, and a record whose shell has exited
+// or now names another session is refused and forgotten until it is registered again. Then random
+// events from a printed seed (QO_SOAK_SEED replays one), each checked against the model, among them
+// one close that ends every monitor and a reload that brings each batch back.
+TEST(Monitors, ManySessionsAgainstAModel) {
+    const DWORD kSessions = 250, kEvents = 250;  // sessions 0 to 249: batches 0 to 4, four of them full
+    SetCurrentDirectoryW(qt::PlatformDir().c_str());
+    ASSERT_TRUE(qt::SetString(qt::kInstallKey, L"SeAgntMaxNum", L"1"));  // not a REG_DWORD: not taken
+    Server srv(UseLog(L"sessions"));
+    ASSERT_TRUE(srv.w->Init((qt::AgentDir() + L"\\QoSessionAgent.exe").c_str(), qt::AgentDir().c_str()));
+    srv.m[1].shell = qt::Find(L"explorer.exe").front();  // Wine's own, in session 1
+    qt::Proc gone = qt::StartHelper(L"explorer.exe", L"idle");
+    TerminateProcess(gone.h.get(), 0);
+    gone.h.reset();
+    const qt::Proc notAShell = qt::StartHelper(L"iexplorer.exe", L"idle");
+    qt::SetSession(notAShell.pid, 32);
+    srv.m[32];
+    for (DWORD s = 0; s < kSessions; ++s) {
+        if (s != 1 && s % 62 != 30 && s % 62 != 31 && s != 32)
+            srv.Shell(s, s == 5 ? L"EXPLORER.EXE" : L"explorer.exe");
+    }
+    srv.Shell(3037);
+    srv.Shell(3038);
+    {
+        // What a process keeps once it has launched (cached keys, the object directory) is held
+        // before the counts are taken.
+        SessionRecord warm = Session(1, srv.m[1].shell);
+        ASSERT_TRUE(CreateSessionAgent(qt::AgentDir() + L"\\QoSessionAgent.exe", qt::AgentDir(), warm));
+        const qt::Proc agent{qt::Own(warm.hAgentProcess), GetProcessId(warm.hAgentProcess)};
+        ASSERT_TRUE(srv.ready.Wait() && qt::EndAgent(agent.pid, 0) && qt::ExitCode(agent));
+    }
+    const auto before = qt::HandlesAndThreads();
+    const size_t shellsBefore = srv.shells.size();
+    // Before many processes have ended, so that no process has taken the exited shell's id yet.
+    ASSERT_EQ("", srv.Step("gone", [&] {
+        return srv.Refused({30, 92, 154, 216}, gone.pid, "OpenProcess Err=87");
+    }));
+    ASSERT_EQ("", srv.Step("reload", [&] { return srv.Reload(); }));
+    for (DWORD b = 0; b < 4; ++b) {
+        const DWORD codes[] = {0, 0xC0000142, 0x40010004, 1, 0xC0000005};
+        for (DWORD i = 0; i < 5; ++i) {
+            const DWORD s = 62 * b + 10 + i;
+            ASSERT_EQ("", srv.Step("end" + std::to_string(s), [&] { return srv.End(s, codes[i]); }));
+        }
+        const std::string moved =
+            "of session " + std::to_string(62 * b + 31) + " now names explorer.exe in session 3038";
+        ASSERT_EQ("",
+                  srv.Step("moved", [&] { return srv.Refused({62 * b + 31}, srv.m[3038].shell, moved); }));
+        srv.Shell(62 * b + 30);
+        srv.Shell(62 * b + 31);
+    }
+    ASSERT_EQ("", srv.Step("reload", [&] { return srv.Reload(); }));
+
+    const char* seedText = std::getenv("QO_SOAK_SEED");
+    const unsigned seed =
+        seedText != nullptr ? static_cast<unsigned>(std::stoul(seedText)) : std::random_device()();
+    std::printf("soak seed %u (QO_SOAK_SEED=%u replays it)\n", seed, seed);
+    std::mt19937 rng(seed);
+    srv.every = 10;
+    const DWORD stopAt = rng() % kEvents;
+    for (DWORD events = 0; events < kEvents;) {
+        const DWORD s = rng() % kSessions, kind = rng() % 200, code = rng() % 5;
+        const Server::Entry x = srv.m[s];
+        const DWORD graceful[] = {0, 0xC0000142, 0x40010004},
+                    crash[] = {1, 2, 0xC0000005, 0xC000013A, 0xFFFFFFFF};
+        std::pair<std::string, std::function<bool()>> step;  // a crash 45 %, an end 20 %, a shell's end
+        if (events == stopAt) {                              // 10 %, a new shell 12 %, a reload 13 %
+            step = {"stop+reload", [&] { return srv.Stop() && srv.Reload(); }};
+        } else if (kind < 90 && x.state == Server::RUNNING && x.shell != 0 && x.registered == x.shell) {
+            step = {"crash" + std::to_string(s) + ":" + std::to_string(crash[code]),
+                    [&] { return srv.End(s, crash[code]); }};
+        } else if (kind >= 90 && kind < 130 && x.state == Server::RUNNING) {
+            step = {"end" + std::to_string(s) + ":" + std::to_string(graceful[code % 3]),
+                    [&] { return srv.End(s, graceful[code % 3]); }};
+        } else if (kind >= 130 && kind < 150 && x.shell != 0 && s != 1) {
+            step = {"shell-exit" + std::to_string(s), [&] { return srv.EndShell(s); }};
+        } else if (kind >= 150 && kind < 174 && s != 1 && s != 32) {
+            step = {"new-shell" + std::to_string(s), [&] { return srv.Shell(s) != 0; }};
+        } else if (kind >= 174) {
+            step = {"reload", [&] { return srv.Reload(); }};
+        } else {
+            continue;
+        }
+        ++events;
+        ASSERT_EQ("", srv.Step(step.first, step.second)) << "seed " << seed;
+    }
+
+    srv.every = 1;
+    ASSERT_EQ("", srv.Step("stop", [&] { return srv.Stop(); }));
+    const auto after = qt::HandlesAndThreads();
+    CWatchDog::ReleaseInstance();
+    EXPECT_EQ(0, CWatchDog::GetRefCount());
+    EXPECT_EQ(before.second, after.second) << "threads";
+    EXPECT_EQ(before.first - shellsBefore, after.first - srv.shells.size()) << "handles";
+    const qt::Log lines = qt::ReadLog(srv.tail.Path());
+    EXPECT_EQ(1u, lines.Count("Load SeAgntMaxNum=2147483647"));
+    EXPECT_EQ(srv.reloads, lines.Count("m_shpSessionManager->IsCreated Ret=-1")) << "3038, once a pass";
+    std::printf("%zu sessions, %zu agents started, %lu soak events\n", srv.m.size(),
+                lines.Count(" Create Session Agent successfully"), kEvents);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <regex>
 
 namespace qt {
@@ -110,8 +112,12 @@ std::vector<DWORD> Find(const std::wstring& exeName) {
 }
 
 Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
-    const std::wstring exe = Scratch(L"bin") + L"\\" + name;
-    CopyFileW(HelperExe().c_str(), exe.c_str(), FALSE);
+    static std::map<std::wstring, std::wstring> s_copies;
+    std::wstring& exe = s_copies[name];
+    if (exe.empty()) {
+        exe = Scratch(L"bin") + L"\\" + name;
+        CopyFileW(HelperExe().c_str(), exe.c_str(), FALSE);
+    }
     return Start(exe, mode);
 }
 
@@ -274,9 +280,12 @@ Log ParseLog(const std::string& bytes) {
 
 Log ReadLog(const std::wstring& path) { return ParseLog(ReadBytes(path)); }
 
-bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DWORD ms) {
-    // Sleeps on changes in the log's directory, or in its parent until the directory is made. The
-    // watch is set before each read, so no change between the read and the wait is missed.
+namespace {
+
+// Sleeps on changes in the log's directory, or in its parent until the directory is made, until
+// done() holds. The watch is set before each look, so no change between the look and the wait is
+// missed.
+bool WaitForLog(const std::wstring& path, DWORD ms, const std::function<bool()>& done) {
     const std::wstring dir = path.substr(0, path.find_last_of(L'\\'));
     const ULONGLONG deadline = GetTickCount64() + ms;
     for (;;) {
@@ -285,7 +294,7 @@ bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DW
             made ? dir.c_str() : dir.substr(0, dir.find_last_of(L'\\')).c_str(), FALSE,
             FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME | FILE_NOTIFY_CHANGE_SIZE |
                 FILE_NOTIFY_CHANGE_LAST_WRITE);
-        const bool found = ReadLog(path).Count(text) >= count;
+        const bool found = done();
         const bool changed = !found && change != INVALID_HANDLE_VALUE &&
                              WaitForSingleObject(change, Left(deadline)) == WAIT_OBJECT_0;
         if (change != INVALID_HANDLE_VALUE) {
@@ -295,6 +304,70 @@ bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DW
             return found;
         }
     }
+}
+
+}  // namespace
+
+bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DWORD ms) {
+    return WaitForLog(path, ms, [&] { return ReadLog(path).Count(text) >= count; });
+}
+
+void LogTail::Mark() {
+    Count("");
+    m_mark = m_lines.size();
+}
+
+size_t LogTail::Count(const std::string& text) {
+    const Handle file =
+        Own(CreateFileW(m_path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                        nullptr, OPEN_EXISTING, 0, nullptr));
+    LARGE_INTEGER at = {}, size = {};
+    at.QuadPart = static_cast<LONGLONG>(m_offset);
+    std::string bytes;
+    if (file && GetFileSizeEx(file.get(), &size) && size.QuadPart > at.QuadPart &&
+        SetFilePointerEx(file.get(), at, nullptr, FILE_BEGIN)) {
+        bytes.resize(static_cast<size_t>(size.QuadPart - at.QuadPart));
+        DWORD read = 0;
+        ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
+        bytes.resize(read);
+        const size_t end = bytes.rfind("\r\n");  // a line still being written waits for the next read
+        bytes.resize(end == std::string::npos ? 0 : end + 2);
+    }
+    m_offset += bytes.size();
+    const Log more = ParseLog(bytes);
+    m_lines.insert(m_lines.end(), more.lines.begin(), more.lines.end());
+    return static_cast<size_t>(
+        std::count_if(m_lines.begin() + static_cast<std::ptrdiff_t>(m_mark), m_lines.end(),
+                      [&](const Line& l) { return l.message.find(text) != std::string::npos; }));
+}
+
+bool LogTail::Wait(const std::string& text, size_t count, DWORD ms) {
+    return WaitForLog(m_path, ms, [&] { return Count(text) >= count; });
+}
+
+std::string LogTail::Seen() const {
+    std::string seen;
+    for (size_t i = std::max(m_mark, m_lines.size() - std::min<size_t>(m_lines.size(), 40));
+         i < m_lines.size(); ++i) {
+        seen += "\n  [" + std::to_string(m_lines[i].pid) + "] " + m_lines[i].message;
+    }
+    return seen;
+}
+
+std::pair<DWORD, DWORD> HandlesAndThreads() {
+    DWORD handles = 0, threads = 0, flags = 0;
+    // Wine's GetProcessHandleCount says 0: count the handle values the process accepts instead.
+    for (ULONG_PTR value = 4; value < 0x40000; value += 4) {
+        handles += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
+    }
+    Handle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more;
+         more = Thread32Next(snapshot.get(), &entry)) {
+        threads += entry.th32OwnerProcessID == GetCurrentProcessId() ? 1 : 0;
+    }
+    return {handles, threads};
 }
 
 std::string InOrder(const Log& log, const std::vector<std::string>& texts) {

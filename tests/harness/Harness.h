@@ -58,8 +58,8 @@ Proc Start(const std::wstring& exe, const std::wstring& args = L"", const std::w
 // As the host starts it ("<pid>") or the Run key ("" or "0"), in the platform directory.
 Proc StartWatchDog(const std::wstring& args);
 std::optional<DWORD> ExitCode(const Proc& p, DWORD ms = kWaitMs);
-// qo_helper.exe copied as name into a directory of its own and started with mode ("idle": a host
-// process or, named explorer.exe, a shell).
+// qo_helper.exe copied as name into a directory of its own (once per name) and started with mode
+// ("idle": a host process or, named explorer.exe, a shell).
 Proc StartHelper(const std::wstring& name, const std::wstring& mode);
 // QoWatchCtl.exe with these arguments, in the platform directory: its exit code and its output.
 std::pair<DWORD, std::string> Ctl(const std::wstring& args);
@@ -114,5 +114,26 @@ bool WaitLog(const std::string& text, size_t count = 1, const std::wstring& path
              DWORD ms = kWaitMs);
 // "" when messages holding these texts appear in this order, else the first one missed and the log.
 std::string InOrder(const Log& log, const std::vector<std::string>& texts);
+
+// The log as it grows: each read parses only the lines appended since the last one.
+class LogTail {
+public:
+    explicit LogTail(const std::wstring& path = LogPath()) : m_path(path) {}
+    void Mark();  // waits count the lines from here on
+    // Waits until count lines since the mark hold the text; false on time-out.
+    bool Wait(const std::string& text, size_t count = 1, DWORD ms = kWaitMs);
+    std::string Seen() const;  // the lines since the mark (the last 40), for a failure's message
+    const std::wstring& Path() const { return m_path; }
+
+private:
+    size_t Count(const std::string& text);
+    std::wstring m_path;
+    unsigned long long m_offset = 0;
+    std::vector<Line> m_lines;
+    size_t m_mark = 0;
+};
+
+// This process's open handles and threads.
+std::pair<DWORD, DWORD> HandlesAndThreads();
 
 }  // namespace qt
