@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <regex>
 
@@ -280,36 +279,8 @@ Log ParseLog(const std::string& bytes) {
 
 Log ReadLog(const std::wstring& path) { return ParseLog(ReadBytes(path)); }
 
-namespace {
-
-// Sleeps on changes in the log's directory, or in its parent until the directory is made, until
-// done() holds. The watch is set before each look, so no change between the look and the wait is
-// missed.
-bool WaitForLog(const std::wstring& path, DWORD ms, const std::function<bool()>& done) {
-    const std::wstring dir = path.substr(0, path.find_last_of(L'\\'));
-    const ULONGLONG deadline = GetTickCount64() + ms;
-    for (;;) {
-        const bool made = GetFileAttributesW(dir.c_str()) != INVALID_FILE_ATTRIBUTES;
-        HANDLE change = FindFirstChangeNotificationW(
-            made ? dir.c_str() : dir.substr(0, dir.find_last_of(L'\\')).c_str(), FALSE,
-            FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME | FILE_NOTIFY_CHANGE_SIZE |
-                FILE_NOTIFY_CHANGE_LAST_WRITE);
-        const bool found = done();
-        const bool changed = !found && change != INVALID_HANDLE_VALUE &&
-                             WaitForSingleObject(change, Left(deadline)) == WAIT_OBJECT_0;
-        if (change != INVALID_HANDLE_VALUE) {
-            FindCloseChangeNotification(change);
-        }
-        if (!changed) {
-            return found;
-        }
-    }
-}
-
-}  // namespace
-
 bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DWORD ms) {
-    return WaitForLog(path, ms, [&] { return ReadLog(path).Count(text) >= count; });
+    return LogTail(path).Wait(text, count, ms);
 }
 
 void LogTail::Mark() {
@@ -341,8 +312,27 @@ size_t LogTail::Count(const std::string& text) {
                       [&](const Line& l) { return l.message.find(text) != std::string::npos; }));
 }
 
+// Sleeps on changes in the log's directory, or in its parent until the directory is made. The watch
+// is set before each look, so no change between the look and the wait is missed.
 bool LogTail::Wait(const std::string& text, size_t count, DWORD ms) {
-    return WaitForLog(m_path, ms, [&] { return Count(text) >= count; });
+    const std::wstring dir = m_path.substr(0, m_path.find_last_of(L'\\'));
+    const ULONGLONG deadline = GetTickCount64() + ms;
+    for (;;) {
+        const bool made = GetFileAttributesW(dir.c_str()) != INVALID_FILE_ATTRIBUTES;
+        HANDLE change = FindFirstChangeNotificationW(
+            made ? dir.c_str() : dir.substr(0, dir.find_last_of(L'\\')).c_str(), FALSE,
+            FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME | FILE_NOTIFY_CHANGE_SIZE |
+                FILE_NOTIFY_CHANGE_LAST_WRITE);
+        const bool found = Count(text) >= count;
+        const bool changed = !found && change != INVALID_HANDLE_VALUE &&
+                             WaitForSingleObject(change, Left(deadline)) == WAIT_OBJECT_0;
+        if (change != INVALID_HANDLE_VALUE) {
+            FindCloseChangeNotification(change);
+        }
+        if (!changed) {
+            return found;
+        }
+    }
 }
 
 std::string LogTail::Seen() const {

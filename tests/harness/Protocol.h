@@ -7,7 +7,8 @@
 // when missing), kAgentExitAll with the value kAll (0 when missing). 0xC0000005 is produced by a real access
 // violation. "qo_helper.exe idle" lives until it is ended (a host process, a shell); "keeper" holds Wine's
 // desktop; "service" is the Keld service, and sets kKeldRunning once it runs; "hold <mutex>" takes the named
-// mutex, sets kHeld and keeps it.
+// mutex, sets kHeld and keeps it. While kClock exists, an agent writes QueryPerformanceCounter into its
+// first slot at its first instruction and into its second just before it exits.
 #pragma once
 
 #include <windows.h>
@@ -25,6 +26,7 @@ inline constexpr wchar_t kAll[] = L"All";
 inline constexpr wchar_t kImmediate[] = L"Immediate";
 inline constexpr wchar_t kKeldRunning[] = L"Global\\QoTestKeldRunning";
 inline constexpr wchar_t kHeld[] = L"Global\\QoTestMutexHeld";
+inline constexpr wchar_t kClock[] = L"Global\\QoTestAgentClock";  // a mapping of two LONGLONGs
 // The report's keys besides session, cmdline, cwd and desktop (winsta\\desktop).
 inline constexpr const wchar_t* kReportedVariables[] = {
     L"Path", L"CommonProgramFiles(x86)", L"CommonProgramW6432", L"ProgramFiles(x86)", L"ProgramW6432"};

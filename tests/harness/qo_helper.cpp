@@ -14,7 +14,17 @@ HANDLE g_stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 
 LONG WINAPI EndQuietly(EXCEPTION_POINTERS*) { return EXCEPTION_EXECUTE_HANDLER; }
 
+void Mark(int slot) {
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
+    const HANDLE clock = OpenFileMappingW(FILE_MAP_WRITE, FALSE, qt::kClock);
+    LONGLONG* slots = clock ? static_cast<LONGLONG*>(MapViewOfFile(clock, FILE_MAP_WRITE, 0, 0, 0)) : nullptr;
+    if (slots != nullptr)
+        slots[slot] = now.QuadPart;
+}
+
 [[noreturn]] void ExitWith(DWORD code) {
+    Mark(1);
     if (code == 0xC0000005) {
         SetUnhandledExceptionFilter(EndQuietly);  // no winedbg on the test's output
         *g_null = 1;
@@ -62,6 +72,7 @@ void WriteReport(const std::wstring& pid) {
 }
 
 int Agent() {
+    Mark(0);
     Notify(qt::kAgentStarted);
     DWORD code = 0;
     if (ReadCode(qt::kImmediate, code)) {
