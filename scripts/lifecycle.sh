@@ -3,7 +3,7 @@
 # that the tests, the demo and the benchmarks run in.
 #
 #   lifecycle.sh build [<target>...]        install what is missing, configure and build (preset windows;
-#                                           without targets also the host preset: qowatchctl)
+#                                           without targets also windows-clang and host: qowatchctl)
 #   lifecycle.sh up <prefix> <helper.exe>   a fresh prefix prepared like a workstation with the client
 #   lifecycle.sh down <prefix>              end every process of the prefix; fails if one is left
 #   lifecycle.sh wine <prefix> <exe> [arg...]            run one Windows program in the prefix
@@ -18,7 +18,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 WINE64=${QO_WINE64:-/usr/lib/wine/wine64}
 WINESERVER=${QO_WINESERVER:-/usr/lib/wine/wineserver}
-PACKAGES=(cmake make g++ g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64 libboost-dev googletest python3)
+PACKAGES=(cmake make g++ g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 clang clang-tidy wine64 libboost-dev
+          googletest python3)
 
 die() { echo "lifecycle.sh: $*" >&2; [ -z "${log:-}" ] || tail -n 20 "$log" >&2 2>/dev/null || true; exit 1; }
 
@@ -46,8 +47,11 @@ build() {
     [ $# -eq 0 ] || targets=(--target "$@")
     cmake --build --preset windows "${targets[@]}"
     if [ $# -eq 0 ]; then
-        cmake --preset host >/dev/null
-        cmake --build --preset host
+        local preset
+        for preset in windows-clang host; do
+            cmake --preset "$preset" >/dev/null
+            cmake --build --preset "$preset"
+        done
     fi
 }
 

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Every test: installs what is missing, builds, runs the tests under Wine in a prefix of the run's
-# own (shut down at the end), then the log reader's tests natively. Extra arguments go to both ctest
-# runs (e.g. -R Supervisor).
+# Every test: installs what is missing, builds with GCC and with clang, runs each build's tests under
+# Wine in a prefix of its own (shut down at the end), then the log reader's tests natively. Extra
+# arguments go to every ctest run (e.g. -R Supervisor).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/lifecycle.sh" build
 cd "$root"
 ctest --preset windows "$@"
+ctest --preset windows-clang "$@"
 ctest --preset host --no-tests=ignore "$@"

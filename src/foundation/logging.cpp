@@ -9,10 +9,11 @@
 #include "foundation/NeverDestroyed.h"
 #include "foundation/ScopedHandle.h"
 
+CNeverDestroyedLock g_logLock;
+
 namespace {
 
 CNeverDestroyed<logging<wchar_t>> g_logger;
-CNeverDestroyed<CSLock> g_logLock;
 
 // The file is UTF-8 without a byte-order mark, with CR LF line ends: every character of a line
 // reaches the file, whatever the user's names and paths hold.
@@ -108,8 +109,6 @@ HANDLE OpenForAppend(const std::wstring& strPath) {
 
 logging<wchar_t>& GetLogger() { return g_logger.Get(); }
 
-CSLock& GetLogLock() { return g_logLock.Get(); }
-
 logging<wchar_t>::logging()
     : m_settings{20, std::wstring()},
       m_stream10(&m_settings),
@@ -196,6 +195,6 @@ std::wstring CLogStatement::Head(const char* pszSource, int nLine, bool bError) 
     return strHead + L"][" + std::to_wstring(nLine) + L"]" + (bError ? L"[ERROR]" : L"[INFO]");
 }
 
-CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_guard(&GetLogLock()) {
+CLogStatement::CLogStatement(const char* pszSource, int nLine, bool bError) : m_guard(&g_logLock.Get()) {
     GetLogger().begin_line20() << Head(pszSource, nLine, bError);
 }

@@ -96,7 +96,8 @@ private:
 };
 
 logging<wchar_t>& GetLogger();
-CSLock& GetLogLock();
+// The log's lock, held by every log statement: the innermost lock, taken after any other.
+extern CNeverDestroyedLock g_logLock;
 
 // The log's source field: the bare file name of a source path, without directories.
 constexpr const char* LogSourceName(const char* pszPath) {

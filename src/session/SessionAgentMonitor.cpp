@@ -36,7 +36,11 @@ CSessionAgentMonitor::CSessionAgentMonitor(DWORD dwIndex, IMonitorHost* pHost)
 }
 
 bool CSessionAgentMonitor::StartThread() {
-    RefreshWaitList();
+    {
+        // No other thread sees the monitor yet; the lock is free and makes the rule hold everywhere.
+        Guard<CSLock> guard(&m_lock);
+        RefreshWaitList();
+    }
     boost::shared_ptr<CKernelHandle> shpThread(new (std::nothrow) CKernelHandle());
     if (!shpThread) {
         return false;

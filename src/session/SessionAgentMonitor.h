@@ -11,6 +11,7 @@
 #include "foundation/CSLock.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
+#include "foundation/logging.h"
 #include "session/MonitorHost.h"
 
 // Every monitor thread ever started; waited on and closed only at shutdown.
@@ -39,25 +40,25 @@ public:
     virtual ~CSessionAgentMonitor() {}
 
     // Builds the first wait list and starts the thread; false when the thread cannot be created.
-    bool StartThread();
+    bool StartThread() QO_EXCLUDES(m_lock);
     // Adds the session or updates its explorer process id, then wakes the thread.
-    void InsertSession(const SessionRecord& rec);
+    void InsertSession(const SessionRecord& rec) QO_EXCLUDES(m_lock);
     void SetReloadEvent();
 
     static DWORD WINAPI MonitorThreadProc(LPVOID pParam);
 
-    // The thread side; called with m_lock held.
-    void RefreshWaitList();
-    void SessionOff(DWORD dwWaitIndex);
-    bool RecreateAgent(DWORD dwWaitIndex);
-    void WaitForAllAgents();
+    // The thread side.
+    void RefreshWaitList() QO_REQUIRES(m_lock);
+    void SessionOff(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
+    bool RecreateAgent(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
+    void WaitForAllAgents() QO_EXCLUDES(m_lock);
 
     DWORD GetWaitCount() const { return static_cast<DWORD>(m_vecHandles.size()); }
     const HANDLE* GetWaitHandles() const { return m_vecHandles.data(); }
     HANDLE GetWaitHandle(DWORD i) const { return m_vecHandles[i]; }
 
     // One session as the table holds it; false when the table has none. Takes m_lock.
-    bool GetSession(DWORD dwSessionId, SessionSnapshot& snapshot);
+    bool GetSession(DWORD dwSessionId, SessionSnapshot& snapshot) QO_EXCLUDES(m_lock);
 
     DWORD GetIndex() const { return m_dwIndex; }
 
@@ -72,20 +73,24 @@ private:
     };
     typedef std::map<DWORD, CSession> SessionTable;
 
-    DWORD Run();
-    void RebuildWaitList();
-    void StartMissingAgents();
-    bool CreateAgent(DWORD dwSessionId, CSession& session);
+    DWORD Run() QO_EXCLUDES(m_lock);
+    void RebuildWaitList() QO_REQUIRES(m_lock);
+    void StartMissingAgents() QO_REQUIRES(m_lock);
+    bool CreateAgent(DWORD dwSessionId, CSession& session) QO_REQUIRES(m_lock);
     static void ReleaseAgent(CSession& session);
     // The session whose agent sits at this wait index, or the table's end.
-    SessionTable::iterator SessionAt(DWORD dwWaitIndex);
+    SessionTable::iterator SessionAt(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
 
-    CSLock m_lock;
+    // Taken after the watchdog's lock, before the log's; the monitor thread holds it for each
+    // wake-up and takes no other lock under it but the log's.
+    CSLock m_lock QO_ACQUIRED_BEFORE(g_logLock);
     CKernelHandle m_hReloadEvent;
     DWORD m_dwIndex;
-    std::vector<HANDLE> m_vecHandles;  // the wait list; the handles belong to the host and the table
+    // The wait list: only the monitor thread changes it (StartThread builds it before the thread
+    // exists), so the thread waits on it without the lock. The handles belong to the host and the table.
+    std::vector<HANDLE> m_vecHandles;
     std::vector<DWORD> m_vecSessionIds;
-    SessionTable m_mapSession;
+    SessionTable m_mapSession QO_GUARDED_BY(m_lock);
     IMonitorHost* m_pHost;
 };
 

@@ -19,7 +19,7 @@ namespace {
 
 // The process's window station is process-wide state: launches on several monitor threads take
 // turns switching it, so none of them saves another's temporary station as its own.
-CNeverDestroyed<CSLock> g_windowStationLock;
+CNeverDestroyedLock g_windowStationLock QO_ACQUIRED_BEFORE(g_logLock);
 
 const ACCESS_MASK WINSTA_ACCESS = READ_CONTROL | WRITE_DAC;
 const ACCESS_MASK DESKTOP_ACCESS = READ_CONTROL | WRITE_DAC | DESKTOP_WRITEOBJECTS | DESKTOP_READOBJECTS;

@@ -16,7 +16,7 @@
 
 CWatchDog* CWatchDog::s_pInstance = nullptr;
 INT32 CWatchDog::s_nRefCount = 0;
-CNeverDestroyed<CSLock> CWatchDog::s_instanceLock;
+CNeverDestroyedLock CWatchDog::s_instanceLock;
 
 namespace {
 
@@ -173,10 +173,13 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
         }
     }
 
-    m_shpSessionManager.reset(new (std::nothrow) CSessionManager(WATCHDOG_MAX_SESSIONS, this));
-    if (!m_shpSessionManager) {
-        LOG_ERROR(L" Create Session Manager failed");
-        return false;
+    {
+        Guard<CSLock> guard(&m_lock);
+        m_shpSessionManager.reset(new (std::nothrow) CSessionManager(WATCHDOG_MAX_SESSIONS, this));
+        if (!m_shpSessionManager) {
+            LOG_ERROR(L" Create Session Manager failed");
+            return false;
+        }
     }
     RemoveKeldPathFromSystemPath();
     return true;
@@ -206,14 +209,17 @@ void CWatchDog::ReloadSessions() {
     if (!EnumUserSession(sessions)) {
         return;
     }
-    RegisterSessions(sessions);
+    RegisterLocked(sessions);
 }
 
 void CWatchDog::RegisterSessions(const std::vector<SessionRecord>& sessions) {
     Guard<CSLock> guard(&m_lock);
-    if (!m_shpSessionManager) {
-        return;
+    if (m_shpSessionManager) {
+        RegisterLocked(sessions);
     }
+}
+
+void CWatchDog::RegisterLocked(const std::vector<SessionRecord>& sessions) {
     for (const SessionRecord& record : sessions) {
         const INT32 nCreated = m_shpSessionManager->IsCreated(record.dwSessionId);
         if (nCreated != 0) {

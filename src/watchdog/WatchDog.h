@@ -11,6 +11,7 @@
 #include "foundation/CSLock.h"
 #include "foundation/NeverDestroyed.h"
 #include "foundation/ScopedHandle.h"
+#include "foundation/logging.h"
 #include "foundation/SessionRecord.h"
 #include "session/MonitorHost.h"
 #include "session/SessionAgentMonitor.h"
@@ -39,12 +40,12 @@ public:
     // The start gate: true once the install side has set SetStartEvent to 1.
     bool WaitStartEvent(DWORD dwPID);
     // Lists the user sessions and hands each to the session manager.
-    void ReloadSessions();
+    void ReloadSessions() QO_EXCLUDES(m_lock);
     // Offers each record to the session manager, under the watchdog's lock.
-    void RegisterSessions(const std::vector<SessionRecord>& sessions);
+    void RegisterSessions(const std::vector<SessionRecord>& sessions) QO_EXCLUDES(m_lock);
     // stopKeld: the close event the monitors end on; otherwise the one that leaves Keld running.
     bool SetCloseEvent(bool stopKeld);
-    void RemoveMonitor(DWORD index);
+    void RemoveMonitor(DWORD index) QO_EXCLUDES(m_lock);
 
     HANDLE GetParentProcess() const { return m_hParentProcess.Get(); }
 
@@ -54,13 +55,13 @@ public:
     const std::wstring& GetWorkingPath() const override { return m_strWorkingPath; }
     DWORD GetAgentLimit() override;
     void MonitorCreated() override;
-    void MonitorEnded(DWORD dwIndex) override;
+    void MonitorEnded(DWORD dwIndex) override QO_EXCLUDES(m_lock);
 
     // Diagnostics: the reference count, the live monitors, and one session as its monitor holds
     // it (false when no monitor holds the session).
     static INT32 GetRefCount();
-    size_t GetLiveMonitorCount();
-    bool GetSessionSnapshot(DWORD dwSessionId, SessionSnapshot& snapshot);
+    size_t GetLiveMonitorCount() QO_EXCLUDES(m_lock);
+    bool GetSessionSnapshot(DWORD dwSessionId, SessionSnapshot& snapshot) QO_EXCLUDES(m_lock);
 
     // Removes the current directory from the system Path when it stands there as a whole entry.
     bool RemoveKeldPathFromSystemPath();
@@ -69,17 +70,23 @@ private:
     CWatchDog();
     virtual ~CWatchDog();
 
+    void RegisterLocked(const std::vector<SessionRecord>& sessions) QO_REQUIRES(m_lock);
+
+    // The lock order: this watchdog's m_lock, then a monitor's m_lock or s_instanceLock, then the
+    // log's. A monitor thread takes the first two only after it has released its own.
+    static CNeverDestroyedLock s_instanceLock QO_ACQUIRED_BEFORE(g_logLock);
+    CSLock m_lock QO_ACQUIRED_BEFORE(s_instanceLock, g_logLock);
+
     CKernelHandle m_hParentProcess;
     CKernelHandle m_hCloseEvent;
     CKernelHandle m_hCloseNoStopEvent;
     std::wstring m_strAgentPath;
     std::wstring m_strWorkingPath;
-    boost::shared_ptr<CSessionManager> m_shpSessionManager;
-    CSLock m_lock;
+    // Made by Init before any monitor exists; the session manager has no lock of its own.
+    boost::shared_ptr<CSessionManager> m_shpSessionManager QO_GUARDED_BY(m_lock);
 
-    static CWatchDog* s_pInstance;
-    static INT32 s_nRefCount;
-    static CNeverDestroyed<CSLock> s_instanceLock;
+    static CWatchDog* s_pInstance QO_GUARDED_BY(s_instanceLock);
+    static INT32 s_nRefCount QO_GUARDED_BY(s_instanceLock);
 };
 
 // The largest number of agents one monitor thread starts and watches; read from the registry
