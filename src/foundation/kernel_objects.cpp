@@ -21,8 +21,7 @@ DefSecAttr::DefSecAttr(const wchar_t* pszSddl) : SECURITY_ATTRIBUTES() {
     PSECURITY_DESCRIPTOR pDescriptor = nullptr;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(pszSddl, SDDL_REVISION_1, &pDescriptor,
                                                               nullptr)) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"ConvertStringSecurityDescriptorToSecurityDescriptorW Err=" << dwErr);
+        LOG_LAST_ERROR(L"ConvertStringSecurityDescriptorToSecurityDescriptorW Err=");
         return;
     }
     m_shpDescriptor.reset(pDescriptor, FreeDescriptor);

@@ -136,7 +136,14 @@ private:
         }                                                                              \
     } while (false)
 
-// A message is a chain of values for the stream: LOG_ERROR(L"OpenProcess Err=" << dwErr).
-// A Win32 error code is read into a local right after the failing call, before the statement.
+// A message is a chain of values for the stream: LOG_INFO(L"Newly created process id=" << dwPid).
 #define LOG_INFO(message) QO_LOG_STATEMENT(false, message)
 #define LOG_ERROR(message) QO_LOG_STATEMENT(true, message)
+
+// A failed Win32 call, right after it: the thread's last error is read before anything else can
+// change it and appended to the message, which ends in "Err=", "error=" or "GetLastError=".
+#define LOG_LAST_ERROR(message)                         \
+    do {                                                \
+        const DWORD qoLastError = GetLastError();       \
+        QO_LOG_STATEMENT(true, message << qoLastError); \
+    } while (false)

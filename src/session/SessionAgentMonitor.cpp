@@ -27,8 +27,7 @@ const DWORD FIRST_AGENT_WAIT_INDEX = 2;
 CSessionAgentMonitor::CSessionAgentMonitor(DWORD dwIndex, IMonitorHost* pHost)
     : m_hReloadEvent(CreateEventW(nullptr, FALSE, FALSE, L"")), m_dwIndex(dwIndex), m_pHost(pHost) {
     if (!m_hReloadEvent.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CreateEvent(m_hReloadEvent) Err=" << dwErr);
+        LOG_LAST_ERROR(L"CreateEvent(m_hReloadEvent) Err=");
     }
     if (m_pHost != nullptr) {
         m_pHost->MonitorCreated();
@@ -72,8 +71,7 @@ void CSessionAgentMonitor::SetReloadEvent() {
         return;
     }
     if (!SetEvent(m_hReloadEvent.Get())) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"Set Reload Event Err=" << dwErr);
+        LOG_LAST_ERROR(L"Set Reload Event Err=");
     }
 }
 
@@ -237,8 +235,7 @@ DWORD CSessionAgentMonitor::Run() {
             }
             continue;
         }
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"WaitForMultipleObjects, dwRet=" << dwRet << L", GetLastError=" << dwErr);
+        LOG_LAST_ERROR(L"WaitForMultipleObjects, dwRet=" << dwRet << L", GetLastError=");
         break;
     }
 

@@ -61,8 +61,7 @@ public:
     bool Begin(HANDLE hToken) { return m_bActive = ImpersonateLoggedOnUser(hToken) != FALSE; }
     void End() {
         if (m_bActive && !RevertToSelf()) {
-            const DWORD dwErr = GetLastError();
-            LOG_ERROR(L"RevertToSelf GetLastError=" << dwErr);
+            LOG_LAST_ERROR(L"RevertToSelf GetLastError=");
         }
         m_bActive = false;
     }
@@ -77,26 +76,22 @@ bool OpenInteractiveDesktop(CLaunchResources& res) {
     Guard<CSLock> guard(&g_windowStationLock.Get());
     res.hSavedStation = GetProcessWindowStation();
     if (res.hSavedStation == nullptr) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"GetProcessWindowStation GetLastError=" << dwErr);
+        LOG_LAST_ERROR(L"GetProcessWindowStation GetLastError=");
         return false;
     }
     res.hStation.Reset(OpenWindowStationW(L"winsta0", FALSE, WINSTA_ACCESS));
     if (!res.hStation.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"OpenWindowStationW GetLastError=" << dwErr);
+        LOG_LAST_ERROR(L"OpenWindowStationW GetLastError=");
         return false;
     }
     if (!SetProcessWindowStation(res.hStation.Get())) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"SetProcessWindowStation GetLastError=" << dwErr);
+        LOG_LAST_ERROR(L"SetProcessWindowStation GetLastError=");
         return false;
     }
     res.hDesktop.Reset(OpenDesktopW(L"default", 0, FALSE, DESKTOP_ACCESS));
     const DWORD dwDesktopErr = GetLastError();
     if (!SetProcessWindowStation(res.hSavedStation)) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"SetProcessWindowStation GetLastError=" << dwErr);
+        LOG_LAST_ERROR(L"SetProcessWindowStation GetLastError=");
         return false;
     }
     if (!res.hDesktop.IsValid()) {
@@ -227,8 +222,7 @@ BOOL Launch(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName, LPCWSTR 
     }
     CImpersonation impersonation;
     if (!impersonation.Begin(hToken)) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"ImpersonateLoggedOnUser GetLastError=" << dwErr);
+        LOG_LAST_ERROR(L"ImpersonateLoggedOnUser GetLastError=");
         return FALSE;
     }
     // Lines are written only once the thread is itself again: as the user, the log file could be

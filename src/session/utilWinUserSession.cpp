@@ -15,15 +15,13 @@
 bool EnumUserSession(std::vector<SessionRecord>& sessions) {
     const CKernelHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     if (!snapshot.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CreateToolhelp32Snapshot Err=" << dwErr);
+        LOG_LAST_ERROR(L"CreateToolhelp32Snapshot Err=");
         return false;
     }
     PROCESSENTRY32W entry = {};
     entry.dwSize = sizeof(entry);
     if (!Process32FirstW(snapshot.Get(), &entry)) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CreateToolhelp32Snapshot Err=" << dwErr);
+        LOG_LAST_ERROR(L"CreateToolhelp32Snapshot Err=");
         return false;
     }
     do {
@@ -71,8 +69,7 @@ bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& worki
                         SessionRecord& record) {
     const CKernelHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
     if (!explorer.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"OpenProcess Err=" << dwErr);
+        LOG_LAST_ERROR(L"OpenProcess Err=");
         return false;
     }
     if (!IsSessionShell(explorer.Get(), record)) {
@@ -81,8 +78,7 @@ bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& worki
     CKernelHandle token;
     if (!OpenProcessToken(explorer.Get(), TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY,
                           token.Receive())) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"OpenProcessToken Err=" << dwErr);
+        LOG_LAST_ERROR(L"OpenProcessToken Err=");
         return false;
     }
 

@@ -99,8 +99,7 @@ void HandOverFromPredecessor(const CMutex& mutex) {
     {
         CEvent startKeld(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC, false);
         if (!startKeld.Set()) {
-            const DWORD dwErr = GetLastError();
-            LOG_ERROR(L"oEventStartKeldWithoutUac.Set() Err=" << dwErr);
+            LOG_LAST_ERROR(L"oEventStartKeldWithoutUac.Set() Err=");
         }
     }
     int nPasses = HANDOVER_LOG_EVERY;
@@ -311,8 +310,7 @@ bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
     const DWORD dwStart = GetTickCount();
     DWORD dwOwnSession = 0;
     if (!GetProcessSessionId(GetCurrentProcessId(), dwOwnSession)) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"ProcessIdToSessionId Error:" << dwErr);
+        LOG_LAST_ERROR(L"ProcessIdToSessionId Error:");
         return false;
     }
     std::vector<SessionRecord> sessions;
@@ -338,13 +336,11 @@ bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
 bool SetWatchDogReloadEvent() {
     const CKernelHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, EVENT_ID_BREVANT_WATCHDOG_RELOAD));
     if (!event.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"Open Watch Dog Reload Event failed. Err=" << dwErr);
+        LOG_LAST_ERROR(L"Open Watch Dog Reload Event failed. Err=");
         return false;
     }
     if (!SetEvent(event.Get())) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"Set Watch Dog Reload failed. Err=" << dwErr);
+        LOG_LAST_ERROR(L"Set Watch Dog Reload failed. Err=");
         return false;
     }
     LOG_INFO(L"Set Watch Dog Reload successfully. ");

@@ -162,14 +162,12 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
         DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
         m_hCloseEvent.Reset(CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE));
         if (!m_hCloseEvent.IsValid()) {
-            const DWORD dwErr = GetLastError();
-            LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=" << dwErr);
+            LOG_LAST_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=");
         }
         m_hCloseNoStopEvent.Reset(
             CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD));
         if (!m_hCloseNoStopEvent.IsValid()) {
-            const DWORD dwErr = GetLastError();
-            LOG_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=" << dwErr);
+            LOG_LAST_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=");
         }
     }
 
@@ -260,23 +258,20 @@ bool CWatchDog::RemoveKeldPathFromSystemPath() {
 bool CWatchDog::WaitStartEvent(DWORD dwPID) {
     CEvent closeEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE, true);
     if (!closeEvent.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=" << dwErr);
+        LOG_LAST_ERROR(L"CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=");
         return false;
     }
     DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
     // Exists exactly while the gate waits: other components may look for it.
     CEvent startServiceEvent(EVENT_ID_BREVANT_START_SERVICE, true, &secAttr);
     if (!startServiceEvent.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_START_SERVICE) Err=" << dwErr);
+        LOG_LAST_ERROR(L"CEvent(EVENT_ID_BREVANT_START_SERVICE) Err=");
         return false;
     }
     m_hParentProcess.Reset(
         OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPID));
     if (!m_hParentProcess.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"OpenProcess dwPID=" << dwPID << L" , Err=" << dwErr);
+        LOG_LAST_ERROR(L"OpenProcess dwPID=" << dwPID << L" , Err=");
         return false;
     }
     TrimWorkingSet();
@@ -306,8 +301,7 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
     }
     CKernelHandle changeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!changeEvent.IsValid()) {
-        const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"CreateEvent() fail. err=" << dwErr);
+        LOG_LAST_ERROR(L"CreateEvent() fail. err=");
         return false;
     }
     CKernelHandle terminateEvent(OpenEventW(SYNCHRONIZE, FALSE, EVENT_ID_BREVANT_TERMINATE_WATCHDOG));
@@ -349,8 +343,7 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
         } else if (dwRet == WAIT_TIMEOUT) {
             LOG_ERROR(L"this should not happen, this is a infinite wait.");
         } else if (dwRet == WAIT_FAILED) {
-            const DWORD dwErr = GetLastError();
-            LOG_ERROR(L"WaitForMultipleObjects() fail. error=" << dwErr);
+            LOG_LAST_ERROR(L"WaitForMultipleObjects() fail. error=");
         } else {
             LOG_ERROR(L"Unknown return, error=" << dwRet);
         }
