@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "ctl/LogTimeline.h"
+#include "foundation/AgentLocation.h"
 #include "foundation/CRegKey.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/kernel_objects.h"
@@ -85,17 +86,16 @@ std::wstring RegText(HKEY hRoot, const wchar_t* pszKey, const wchar_t* pszValue)
 // The value as stored: "1 (REG_DWORD)", "\"1\" (type 1)" or "not set".
 std::wstring RegValue(const wchar_t* pszValue, DWORD& dwValue, bool& bDword) {
     CRegKey key;
-    DWORD dwType = 0, cbData = sizeof(dwValue);
-    bDword = false;
-    if (key.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) != ERROR_SUCCESS ||
-        RegQueryValueExW(key.GetHandle(), pszValue, nullptr, &dwType, nullptr, nullptr) != ERROR_SUCCESS) {
-        return L"not set";
-    }
-    if (dwType == REG_DWORD &&
-        RegQueryValueExW(key.GetHandle(), pszValue, nullptr, nullptr, reinterpret_cast<BYTE*>(&dwValue),
-                         &cbData) == ERROR_SUCCESS) {
-        bDword = true;
+    DWORD dwType = REG_NONE;
+    const LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS
+                             ? key.QueryDword(pszValue, dwValue, &dwType)
+                             : ERROR_FILE_NOT_FOUND;
+    bDword = lResult == ERROR_SUCCESS;
+    if (bDword) {
         return std::to_wstring(dwValue) + L" (REG_DWORD)";
+    }
+    if (lResult != ERROR_DATATYPE_MISMATCH) {
+        return L"not set";
     }
     std::wstring strText;
     key.QueryValue(pszValue, strText);
@@ -196,19 +196,18 @@ int Status(const std::wstring& strPlatform) {
     std::cout << "InstallDir: " << Utf8(RegText(HKEY_LOCAL_MACHINE, REG_KELD_KEY, REG_VALUE_INSTALL_DIR))
               << "\nLog: " << Utf8(strLog) << "\nKeld service: " << KeldState() << "\n";
 
-    const std::wstring strIni = strPlatform + L"\\" + SESSION_AGENT_INI;
-    wchar_t szPath[MAX_PATH] = {}, szName[MAX_PATH] = {};
-    GetPrivateProfileStringW(L"Session_Agent", L"Path", L"", szPath, MAX_PATH, strIni.c_str());
-    GetPrivateProfileStringW(L"Session_Agent", L"Name", L"", szName, MAX_PATH, strIni.c_str());
-    const std::wstring strAgent = strPlatform + L"\\" + szPath + L"\\" + szName;
-    std::cout << "Agent: " << (szName[0] != L'\0' ? Utf8(strAgent) : "unknown: no Name in " + Utf8(strIni))
+    std::wstring strAgentDir, strAgent;
+    const bool bAgent = ReadAgentLocation(strPlatform, strAgentDir, strAgent);
+    std::cout << "Agent: "
+              << (bAgent ? Utf8(strAgent)
+                         : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI))
               << "\n";
 
     std::map<DWORD, std::pair<std::string, std::string>> mapSessions;  // shells, agents
     for (const Process& p : vecProcesses) {
         if (_wcsicmp(p.strName.c_str(), L"explorer.exe") == 0) {
             mapSessions[p.dwSession].first += " " + std::to_string(p.dwPid);
-        } else if (szName[0] != L'\0' && SameFile(p.strImage, strAgent)) {
+        } else if (bAgent && SameFile(p.strImage, strAgent)) {
             mapSessions[p.dwSession].second += " " + std::to_string(p.dwPid);
         }
     }

@@ -48,6 +48,25 @@ LONG CRegKey::QueryValue(const wchar_t* pszName, std::wstring& strOut) {
     return ERROR_SUCCESS;
 }
 
+LONG CRegKey::QueryDword(const wchar_t* pszName, DWORD& dwOut, DWORD* pdwType) {
+    DWORD dwType = REG_NONE;
+    DWORD dwValue = 0;
+    DWORD cbData = sizeof(dwValue);
+    const LONG lResult =
+        RegQueryValueExW(m_hKey.Get(), pszName, nullptr, &dwType, reinterpret_cast<BYTE*>(&dwValue), &cbData);
+    if (pdwType != nullptr) {
+        *pdwType = dwType;
+    }
+    if (lResult != ERROR_SUCCESS && lResult != ERROR_MORE_DATA) {
+        return lResult;
+    }
+    if (lResult == ERROR_MORE_DATA || dwType != REG_DWORD || cbData != sizeof(dwValue)) {
+        return ERROR_DATATYPE_MISMATCH;
+    }
+    dwOut = dwValue;
+    return ERROR_SUCCESS;
+}
+
 LONG CRegKey::SetValue(const wchar_t* pszName, const wchar_t* pszText) {
     if (pszText == nullptr || !m_hKey.IsValid()) {
         return ERROR_INVALID_DATA;

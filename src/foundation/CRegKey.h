@@ -21,6 +21,9 @@ public:
     // The value's text up to its first NUL, as stored (REG_EXPAND_SZ references unexpanded).
     // The output is changed only on success.
     LONG QueryValue(const wchar_t* pszName, std::wstring& strOut);
+    // A REG_DWORD value; ERROR_DATATYPE_MISMATCH for a value of another type or size, whose type then
+    // goes to *pdwType when given. The output is changed only on success.
+    LONG QueryDword(const wchar_t* pszName, DWORD& dwOut, DWORD* pdwType = nullptr);
     // Stores the text as REG_EXPAND_SZ, whatever the value's type was before.
     LONG SetValue(const wchar_t* pszName, const wchar_t* pszText);
 

@@ -7,21 +7,8 @@
 #include <boost/noncopyable.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include "foundation/Contract.h"
 #include "foundation/ScopedHandle.h"
-
-// The names of the kernel objects through which the watchdog meets the other client components,
-// its run-key instances and a successor supervisor. The names are the contract: exact.
-#define EVENT_ID_BREVANT_TERMINATE_WATCHDOG L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG"
-#define QO_WATCH_DOG_NAMED_MUTEX L"Global\\_QO_WATCH_DOG_NAMED_MUTEX"
-#define EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC"
-#define EVENT_ID_BREVANT_WATCHDOG_RELOAD L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD"
-#define EVENT_ID_BREVANT_STOP_SERVICE L"Global\\EVENT_ID_BREVANT_STOP_SERVICE"
-#define EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK L"Global\\EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK"
-#define EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING \
-    L"Global\\EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING"
-#define EVENT_ID_BREVANT_WATCHDOG_CLOSE L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE"
-#define EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD"
-#define EVENT_ID_BREVANT_START_SERVICE L"Global\\EVENT_ID_BREVANT_START_SERVICE"
 
 // Full access for Everyone and LocalSystem, inherited by child objects: objects created with it
 // can be opened and set from every user session.

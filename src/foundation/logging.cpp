@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "foundation/Contract.h"
 #include "foundation/NeverDestroyed.h"
 #include "foundation/ScopedHandle.h"
 
@@ -44,7 +45,7 @@ std::string ToFileText(const wchar_t* pszText) {
 // hold it for good: a turn waits for it at most LOG_WRITER_WAIT_MS, and after one such wait the
 // writer no longer waits until it has the mutex again. Without it lines are still written, just
 // without the guard.
-const wchar_t LOG_WRITER_MUTEX[] = L"Global\\QO_WATCH_DOG_LOG_WRITER";
+const wchar_t LOG_WRITER_MUTEX[] = QO_WATCH_DOG_LOG_WRITER_MUTEX;
 const wchar_t LOG_WRITER_SDDL[] = L"D:(A;;GA;;;WD)(A;;GA;;;SY)";
 const DWORD LOG_WRITER_WAIT_MS = 2000;
 

@@ -5,11 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "foundation/Contract.h"
 #include "foundation/SessionRecord.h"
-
-// The machine-wide environment, under HKEY_LOCAL_MACHINE, and its search path value.
-#define REG_SYSTEM_ENV L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment"
-#define ENVIRONMENT_PATH L"Path"
 
 // Appends one record for every process named explorer.exe (any letter case), with its session
 // id and process id. True when the process list could be walked, even when it held none; on

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "foundation/AgentLocation.h"
 #include "foundation/ProcessSession.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
@@ -125,23 +126,7 @@ bool GetAgentLocation(std::wstring& strAgentDir, std::wstring& strAgentPath, boo
         return false;
     }
     bNoWorkingPath = false;
-    const std::wstring strWorking(szWorking);
-    std::wstring strIni = strWorking;
-    if (strIni.back() != L'\\') {
-        strIni += L'\\';
-    }
-    strIni += SESSION_AGENT_INI;
-
-    wchar_t szPath[WORKING_PATH_CHARS] = {};
-    wchar_t szName[WORKING_PATH_CHARS] = {};
-    GetPrivateProfileStringW(L"Session_Agent", L"Path", L"", szPath, WORKING_PATH_CHARS, strIni.c_str());
-    GetPrivateProfileStringW(L"Session_Agent", L"Name", L"", szName, WORKING_PATH_CHARS, strIni.c_str());
-    if (szPath[0] == L'\0' || szName[0] == L'\0') {
-        return false;
-    }
-    strAgentDir = strWorking + L"\\" + szPath;
-    strAgentPath = strAgentDir + L"\\" + szName;
-    return true;
+    return ReadAgentLocation(szWorking, strAgentDir, strAgentPath);
 }
 
 // Serves reload and stop requests until one ends the loop. True when a final wait follows.

@@ -4,12 +4,7 @@
 
 #include <string>
 
-// The platform's key under HKEY_LOCAL_MACHINE; its InstallDir holds the debug log directory.
-#define REG_KELD_KEY L"SOFTWARE\\Corvane\\Keld"
-#define REG_VALUE_INSTALL_DIR L"InstallDir"
-#define KELD_SERVICE_NAME L"Keld"
-#define LOG_FILE_NAME L"QoWatchDog.log"
-#define SESSION_AGENT_INI L"Session_Agent.ini"
+#include "foundation/Contract.h"
 
 // How long a run-key instance waits for the shell of its session.
 const DWORD EXPLORER_READY_TIMEOUT_MS = 300000;

@@ -6,6 +6,7 @@
 #include <new>
 #include <vector>
 
+#include "foundation/CRegKey.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
 #include "foundation/TrimWorkingSet.h"
@@ -26,20 +27,13 @@ INIT_ONCE g_seAgntMaxNumOnce = INIT_ONCE_STATIC_INIT;
 DWORD g_dwSeAgntMaxNum = SE_AGNT_MAX_NUM_DEFAULT;
 
 BOOL CALLBACK LoadSeAgntMaxNum(PINIT_ONCE, PVOID, PVOID*) {
-    CRegKeyHandle key;
-    const LONG lResult = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, key.Receive());
+    CRegKey key;
+    const LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ);
     if (lResult != ERROR_SUCCESS) {
         LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
                   << lResult);
     } else {
-        DWORD dwValue = 0;
-        DWORD dwType = 0;
-        DWORD cbData = sizeof(dwValue);
-        if (RegQueryValueExW(key.Get(), REG_VALUE_SE_AGNT_MAX_NUM, nullptr, &dwType,
-                             reinterpret_cast<BYTE*>(&dwValue), &cbData) == ERROR_SUCCESS &&
-            dwType == REG_DWORD && cbData == sizeof(dwValue)) {
-            g_dwSeAgntMaxNum = dwValue;
-        }
+        key.QueryDword(REG_VALUE_SE_AGNT_MAX_NUM, g_dwSeAgntMaxNum);  // unchanged unless a REG_DWORD
     }
     LOG_INFO(L"Load SeAgntMaxNum=" << g_dwSeAgntMaxNum);
     return TRUE;
@@ -280,20 +274,16 @@ bool CWatchDog::WaitStartEvent(DWORD dwPID) {
 
 namespace {
 
-bool IsStartValueSet(HKEY hKey) {
+bool IsStartValueSet(CRegKey& key) {
     DWORD dwValue = 0;
-    DWORD dwType = 0;
-    DWORD cbData = sizeof(dwValue);
-    return RegQueryValueExW(hKey, REG_VALUE_SET_START_EVENT, nullptr, &dwType,
-                            reinterpret_cast<BYTE*>(&dwValue), &cbData) == ERROR_SUCCESS &&
-           dwType == REG_DWORD && cbData == sizeof(dwValue) && dwValue == 1;
+    return key.QueryDword(REG_VALUE_SET_START_EVENT, dwValue) == ERROR_SUCCESS && dwValue == 1;
 }
 
 }  // namespace
 
 bool WaitForSetStartEvent(HANDLE hParentProcess) {
-    CRegKeyHandle installKey;
-    const LONG lOpen = RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, 0, KEY_READ, installKey.Receive());
+    CRegKey installKey;
+    const LONG lOpen = installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ);
     if (lOpen != ERROR_SUCCESS) {
         LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
                   << lOpen);
@@ -315,13 +305,13 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
 
     for (;;) {
         // Armed before every read, so a change between the read and the wait still wakes it.
-        const LONG lNotify = RegNotifyChangeKeyValue(installKey.Get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET,
+        const LONG lNotify = RegNotifyChangeKeyValue(installKey.GetHandle(), TRUE, REG_NOTIFY_CHANGE_LAST_SET,
                                                      changeEvent.Get(), TRUE);
         if (lNotify != ERROR_SUCCESS) {
             LOG_ERROR(L"RegNotifyChangeKeyValue() fail. err=" << lNotify);
             return false;
         }
-        if (IsStartValueSet(installKey.Get())) {
+        if (IsStartValueSet(installKey)) {
             return true;
         }
         const DWORD dwRet = WaitForMultipleObjects(dwWaitCount, waitList, FALSE, INFINITE);

@@ -9,17 +9,13 @@
 #include <boost/shared_ptr.hpp>
 
 #include "foundation/CSLock.h"
+#include "foundation/Contract.h"
 #include "foundation/NeverDestroyed.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/logging.h"
 #include "foundation/SessionRecord.h"
 #include "session/MonitorHost.h"
 #include "session/SessionAgentMonitor.h"
-
-// The install key of the client under HKEY_LOCAL_MACHINE.
-#define REG_INSTALL_KEY L"Software\\Corvane\\Brevant\\0\\Install"
-#define REG_VALUE_SE_AGNT_MAX_NUM L"SeAgntMaxNum"
-#define REG_VALUE_SET_START_EVENT L"SetStartEvent"
 
 // The number of session ids the session manager is sized for.
 const INT32 WATCHDOG_MAX_SESSIONS = 3000;
