@@ -4,6 +4,7 @@
 #
 #   lifecycle.sh build [<target>...]        install what is missing, configure and build (preset windows;
 #                                           without targets also windows-clang and host: qowatchctl)
+#   lifecycle.sh tidy                       clang-tidy (.clang-tidy) over src/, on the windows-clang build
 #   lifecycle.sh up <prefix> <helper.exe>   a fresh prefix prepared like a workstation with the client
 #   lifecycle.sh down <prefix>              end every process of the prefix; fails if one is left
 #   lifecycle.sh wine <prefix> <exe> [arg...]            run one Windows program in the prefix
@@ -53,6 +54,15 @@ build() {
             cmake --build --preset "$preset"
         done
     fi
+}
+
+tidy() {
+    cd "$root"
+    local sources
+    sources=$(git ls-files 'src/*.cpp' | grep -v '^src/ctl/host_main.cpp$')  # the host build's own
+    # shellcheck disable=SC2086
+    clang-tidy -p build/windows-clang --quiet $sources
+    echo "clang-tidy: no finding in src/"
 }
 
 use_prefix() {
@@ -182,6 +192,7 @@ command=$1
 shift
 case $command in
     build) build "$@" ;;
+    tidy) tidy ;;
     up) [ $# -eq 2 ] || die "usage: up <prefix> <helper.exe>"; up "$@" ;;
     down) [ $# -eq 1 ] || die "usage: down <prefix>"; down "$@" ;;
     wine) [ $# -ge 2 ] || die "usage: wine <prefix> <exe> [arg...]"; run_wine "$@" ;;

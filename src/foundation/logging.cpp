@@ -116,9 +116,7 @@ logging<wchar_t>::logging()
       m_stream20(&m_settings),
       m_stream30(&m_settings),
       m_stream40(&m_settings),
-      m_stream50(&m_settings) {
-    set_level(20);
-}
+      m_stream50(&m_settings) {}
 
 logging<wchar_t>::~logging() { m_settings.strFile.clear(); }
 

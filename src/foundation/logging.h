@@ -32,16 +32,22 @@ class log_stringbuf : public std::wstringbuf {
 public:
     explicit log_stringbuf(const log_settings* pSettings)
         : std::wstringbuf(std::ios_base::in | std::ios_base::out), m_pSettings(pSettings) {}
-    ~log_stringbuf() override { sync(); }
+    ~log_stringbuf() override { WritePending(); }
 
 protected:
     int sync() override {
+        WritePending();
+        return 0;
+    }
+
+private:
+    // What the stream holds goes out as one line; not virtual, so the destructor writes it too.
+    void WritePending() {
         const std::wstring strText = str();
         if (!strText.empty()) {
             write_line(m_pSettings, L, strText.c_str());
         }
         str(std::wstring());
-        return 0;
     }
 
 private:
@@ -127,13 +133,14 @@ private:
 };
 
 // A statement never fails its caller: what it cannot write (no memory for the text) is lost.
-#define QO_LOG_STATEMENT(bError, message)                                              \
-    do {                                                                               \
-        try {                                                                          \
-            CLogStatement qoLogStatement(LogSourceName(__FILE__), __LINE__, (bError)); \
-            qoLogStatement.Stream() << message << std::endl;                           \
-        } catch (...) {                                                                \
-        }                                                                              \
+#define QO_LOG_STATEMENT(bError, message)                                                    \
+    do {                                                                                     \
+        try {                                                                                \
+            CLogStatement qoLog(LogSourceName(__FILE__), __LINE__, (bError));                \
+            /* the message is a chain of << values: it cannot stand in parentheses */        \
+            qoLog.Stream() << message << std::endl; /* NOLINT(bugprone-macro-parentheses) */ \
+        } catch (...) {                                                                      \
+        }                                                                                    \
     } while (false)
 
 // A message is a chain of values for the stream: LOG_INFO(L"Newly created process id=" << dwPid).
@@ -142,8 +149,8 @@ private:
 
 // A failed Win32 call, right after it: the thread's last error is read before anything else can
 // change it and appended to the message, which ends in "Err=", "error=" or "GetLastError=".
-#define LOG_LAST_ERROR(message)                         \
-    do {                                                \
-        const DWORD qoLastError = GetLastError();       \
-        QO_LOG_STATEMENT(true, message << qoLastError); \
+#define LOG_LAST_ERROR(message)                                                                              \
+    do {                                                                                                     \
+        const DWORD qoLastError = GetLastError();                                                            \
+        QO_LOG_STATEMENT(true, message << qoLastError); /* NOLINT(bugprone-macro-parentheses): a << chain */ \
     } while (false)

@@ -158,7 +158,7 @@ bool CEnvBlock::PrependValue(const wchar_t* name, const wchar_t* value) {
     for (std::wstring& strEntry : m_vecEntries) {
         if (StartsWithNoCase(strEntry, strKey)) {
             const std::wstring strValue(value);
-            strEntry = strEntry.substr(0, strKey.size()) + strValue + L";" + strEntry.substr(strKey.size());
+            strEntry.insert(strKey.size(), strValue + L";");
             m_cbSize += ByteSize(strValue.size() + 1);
             return true;
         }

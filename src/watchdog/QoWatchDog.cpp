@@ -378,6 +378,7 @@ void WaitForAllMonitorThreads() {
         return;
     }
     std::vector<HANDLE> vecThreads;
+    vecThreads.reserve(g_vecMonitorThreads.size());
     for (const boost::shared_ptr<CKernelHandle>& shpThread : g_vecMonitorThreads) {
         vecThreads.push_back(shpThread->Get());
     }
