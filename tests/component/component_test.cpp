@@ -52,7 +52,8 @@ TEST(Log, LineFormCutsAndFaults) {
     EXPECT_EQ(GetCurrentProcessId(), log.lines[0].pid);
     EXPECT_EQ(".\\component_test", log.lines[0].source);
     EXPECT_EQ(u8"Grüße, Δ and 日本 Err=5", log.lines[0].message);
-    EXPECT_TRUE(!log.lines[0].error && log.lines[1].error);
+    EXPECT_FALSE(log.lines[0].error);
+    EXPECT_TRUE(log.lines[1].error);
 
     // A file of exactly the limit is appended to; one byte over it, it is replaced.
     MakeFile(path, LOG_FILE_SIZE_LIMIT);
@@ -154,7 +155,8 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
     for (const std::wstring& entry : env.GetEntries())
         chars += entry.size() + 1;
     EXPECT_EQ(static_cast<INT32>(chars * sizeof(wchar_t)), env.GetSize());
-    EXPECT_FALSE(env.PrependValue(nullptr, L"C:\\x") || env.PrependValue(L"Path", nullptr));
+    EXPECT_FALSE(env.PrependValue(nullptr, L"C:\\x"));
+    EXPECT_FALSE(env.PrependValue(L"Path", nullptr));
     env.SetVariable(L"QoTestNew", L"1");
     EXPECT_EQ(L"QoTestNew=1", env.GetEntries().back()) << "a variable the user lacks is appended";
 
@@ -295,7 +297,8 @@ TEST(Monitors, AgentLimitAgentGoneAndClose) {
     EXPECT_EQ(SESSION_WAITING, five.eState);
     EXPECT_NE(0u, srv.Agent(65));
     EXPECT_EQ(2u, srv.w->GetLiveMonitorCount());
-    ASSERT_TRUE(srv.End(3, 0) && srv.ready.Wait());
+    ASSERT_TRUE(srv.End(3, 0));
+    ASSERT_TRUE(srv.ready.Wait());
     EXPECT_NE(0u, srv.Agent(5));
 
     ASSERT_TRUE(MoveFileW(agent.c_str(), (agent + L".away").c_str()));
@@ -349,7 +352,9 @@ TEST(Monitors, ManySessionsAgainstAModel) {
         SessionRecord warm = Session(1, srv.m[1].shell);
         ASSERT_TRUE(CreateSessionAgent(qt::AgentDir() + L"\\QoSessionAgent.exe", qt::AgentDir(), warm));
         const qt::Proc agent{qt::Own(warm.hAgentProcess), GetProcessId(warm.hAgentProcess)};
-        ASSERT_TRUE(srv.ready.Wait() && qt::EndAgent(agent.pid, 0) && qt::ExitCode(agent));
+        ASSERT_TRUE(srv.ready.Wait());
+        ASSERT_TRUE(qt::EndAgent(agent.pid, 0));
+        ASSERT_TRUE(qt::ExitCode(agent));
     }
     const auto before = qt::HandlesAndThreads();
     const size_t shellsBefore = srv.shells.size();

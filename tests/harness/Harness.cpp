@@ -3,6 +3,7 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -217,6 +218,9 @@ bool Agents::Wait(int count, DWORD ms) {
     while (taken < count && WaitForSingleObject(m_semaphore.get(), Left(deadline)) == WAIT_OBJECT_0) {
         ++taken;
     }
+    if (taken < count) {
+        std::printf("waited %lu ms for %d agent start(s), saw %d\n", ms, count, taken);
+    }
     return taken == count;
 }
 
@@ -280,7 +284,13 @@ Log ParseLog(const std::string& bytes) {
 Log ReadLog(const std::wstring& path) { return ParseLog(ReadBytes(path)); }
 
 bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DWORD ms) {
-    return LogTail(path).Wait(text, count, ms);
+    LogTail tail(path);
+    if (tail.Wait(text, count, ms)) {
+        return true;
+    }
+    std::printf("waited %lu ms for %zu line(s) holding \"%s\" in %s; its last lines:%s\n", ms, count,
+                text.c_str(), ToUtf8(path).c_str(), tail.Seen().c_str());
+    return false;
 }
 
 void LogTail::Mark() {

@@ -15,7 +15,17 @@ public:
         std::setvbuf(stdout, nullptr, _IONBF, 0);
         qt::Reset();
     }
-    void TearDown() override { qt::Reset(); }
+    void TearDown() override {
+        // A failed test's log stays beside the test's output, for the one who reads the failure.
+        if (::testing::UnitTest::GetInstance()->Failed()) {
+            const std::wstring kept =
+                L"failed-" + std::to_wstring(GetCurrentProcessId()) + L"-QoWatchDog.log";
+            if (CopyFileW(qt::LogPath().c_str(), kept.c_str(), FALSE)) {
+                std::printf("the watchdog's log is kept as %s\n", qt::ToUtf8(kept).c_str());
+            }
+        }
+        qt::Reset();
+    }
 };
 
 [[maybe_unused]] ::testing::Environment* const g_resetAround =
