@@ -6,8 +6,8 @@
 
 // Sole owner of one handle of the kind TTraits describes (its type, its invalid values, how it is
 // closed). Closing keeps the thread's last-error value, so a log statement written after a failed
-// call still reports that call's code. The handle leaves only through Release, which the caller
-// must take.
+// call still reports that call's code. Ownership moves to another owner, or leaves only through
+// Release, which the caller must take.
 template <class TTraits>
 class CScopedHandle : private boost::noncopyable {
 public:
@@ -15,6 +15,13 @@ public:
 
     CScopedHandle() : m_h(nullptr) {}
     explicit CScopedHandle(Type h) : m_h(TTraits::IsValid(h) ? h : nullptr) {}
+    CScopedHandle(CScopedHandle&& other) noexcept : m_h(other.Release()) {}
+    CScopedHandle& operator=(CScopedHandle&& other) noexcept {
+        if (this != &other) {
+            Reset(other.Release());
+        }
+        return *this;
+    }
     virtual ~CScopedHandle() { Close(); }
 
     Type Get() const { return m_h; }

@@ -6,7 +6,7 @@
 #include "foundation/logging.h"
 #include "session/utilWinUserSession.h"
 
-std::vector<boost::shared_ptr<CKernelHandle>> g_vecMonitorThreads;
+std::vector<CKernelHandle> g_vecMonitorThreads;
 
 namespace {
 
@@ -29,9 +29,7 @@ CSessionAgentMonitor::CSessionAgentMonitor(DWORD dwIndex, IMonitorHost* pHost)
     if (!m_hReloadEvent.IsValid()) {
         LOG_LAST_ERROR(L"CreateEvent(m_hReloadEvent) Err=");
     }
-    if (m_pHost != nullptr) {
-        m_pHost->MonitorCreated();
-    }
+    m_pHost->MonitorCreated();
 }
 
 bool CSessionAgentMonitor::StartThread() {
@@ -40,15 +38,11 @@ bool CSessionAgentMonitor::StartThread() {
         Guard<CSLock> guard(&m_lock);
         RefreshWaitList();
     }
-    boost::shared_ptr<CKernelHandle> shpThread(new (std::nothrow) CKernelHandle());
-    if (!shpThread) {
+    CKernelHandle thread(CreateThread(nullptr, 0, MonitorThreadProc, this, 0, nullptr));
+    if (!thread.IsValid()) {
         return false;
     }
-    shpThread->Reset(CreateThread(nullptr, 0, MonitorThreadProc, this, 0, nullptr));
-    if (!shpThread->IsValid()) {
-        return false;
-    }
-    g_vecMonitorThreads.push_back(shpThread);
+    g_vecMonitorThreads.push_back(std::move(thread));
     return true;
 }
 
@@ -93,7 +87,7 @@ void CSessionAgentMonitor::RefreshWaitList() {
 
 // The close event, the reload event, then every running agent in ascending session id.
 void CSessionAgentMonitor::RebuildWaitList() {
-    m_vecHandles.assign({m_pHost != nullptr ? m_pHost->GetCloseEvent() : nullptr, m_hReloadEvent.Get()});
+    m_vecHandles.assign({m_pHost->GetCloseEvent(), m_hReloadEvent.Get()});
     m_vecSessionIds.assign({0, 0});
     for (const auto& entry : m_mapSession) {
         if (entry.second.State() == SESSION_RUNNING) {
@@ -109,7 +103,7 @@ void CSessionAgentMonitor::RebuildWaitList() {
 void CSessionAgentMonitor::StartMissingAgents() {
     DWORD dwWatched = GetWaitCount() - FIRST_AGENT_WAIT_INDEX;
     auto it = m_mapSession.begin();
-    while (it != m_mapSession.end() && m_pHost != nullptr && dwWatched < m_pHost->GetAgentLimit()) {
+    while (it != m_mapSession.end() && dwWatched < m_pHost->GetAgentLimit()) {
         if (it->second.State() != SESSION_WAITING) {
             ++it;
         } else if (CreateAgent(it->first, it->second)) {
@@ -124,15 +118,8 @@ void CSessionAgentMonitor::StartMissingAgents() {
 }
 
 bool CSessionAgentMonitor::CreateAgent(DWORD dwSessionId, CSession& session) {
-    if (m_pHost == nullptr) {
-        return false;
-    }
-    SessionRecord rec = {dwSessionId, session.dwExplorerPid, nullptr, session.bOff};
-    if (!CreateSessionAgent(m_pHost->GetAgentPath(), m_pHost->GetWorkingPath(), rec)) {
-        return false;
-    }
-    session.agent.Reset(rec.hAgentProcess);
-    return true;
+    const SessionRecord rec = {dwSessionId, session.dwExplorerPid, nullptr, false};
+    return StartSessionAgent(m_pHost->GetAgentPath(), m_pHost->GetWorkingPath(), rec, session.agent);
 }
 
 void CSessionAgentMonitor::ReleaseAgent(CSession& session) { session.agent.Close(); }
@@ -240,11 +227,9 @@ DWORD CSessionAgentMonitor::Run() {
     }
 
     WaitForAllAgents();
-    if (m_pHost != nullptr) {
-        // Ending the monitor normally destroys it: nothing of it is used afterwards.
-        IMonitorHost* pHost = m_pHost;
-        pHost->MonitorEnded(m_dwIndex);
-    }
+    // Ending the monitor normally destroys it: nothing of it is used afterwards.
+    IMonitorHost* const pHost = m_pHost;
+    pHost->MonitorEnded(m_dwIndex);
     return 0;
 }
 
@@ -268,7 +253,7 @@ INT32 CSessionManager::InsertSession(const SessionRecord& rec) {
                                                                CSessionAgentMonitor(dwIndex, m_pHost));
         if (shpMonitor && shpMonitor->StartThread()) {
             m_mapMonitor[dwIndex] = shpMonitor;
-        } else if (shpMonitor && m_pHost != nullptr) {
+        } else if (shpMonitor) {
             // No thread of its own will end it and give its hold on the host back.
             shpMonitor.reset();
             m_pHost->MonitorEnded(dwIndex);

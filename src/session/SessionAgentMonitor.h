@@ -15,7 +15,7 @@
 #include "session/MonitorHost.h"
 
 // Every monitor thread ever started; waited on and closed only at shutdown.
-extern std::vector<boost::shared_ptr<CKernelHandle>> g_vecMonitorThreads;
+extern std::vector<CKernelHandle> g_vecMonitorThreads;
 
 // Sessions per monitor thread: with its close and reload events a monitor waits on at most 64
 // handles, the most one WaitForMultipleObjects takes.
@@ -45,22 +45,8 @@ public:
     void InsertSession(const SessionRecord& rec) QO_EXCLUDES(m_lock);
     void SetReloadEvent();
 
-    static DWORD WINAPI MonitorThreadProc(LPVOID pParam);
-
-    // The thread side.
-    void RefreshWaitList() QO_REQUIRES(m_lock);
-    void SessionOff(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
-    bool RecreateAgent(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
-    void WaitForAllAgents() QO_EXCLUDES(m_lock);
-
-    DWORD GetWaitCount() const { return static_cast<DWORD>(m_vecHandles.size()); }
-    const HANDLE* GetWaitHandles() const { return m_vecHandles.data(); }
-    HANDLE GetWaitHandle(DWORD i) const { return m_vecHandles[i]; }
-
     // One session as the table holds it; false when the table has none. Takes m_lock.
     bool GetSession(DWORD dwSessionId, SessionSnapshot& snapshot) QO_EXCLUDES(m_lock);
-
-    DWORD GetIndex() const { return m_dwIndex; }
 
 private:
     struct CSession : private boost::noncopyable {
@@ -73,7 +59,16 @@ private:
     };
     typedef std::map<DWORD, CSession> SessionTable;
 
+    // The thread side.
+    static DWORD WINAPI MonitorThreadProc(LPVOID pParam);
     DWORD Run() QO_EXCLUDES(m_lock);
+    void RefreshWaitList() QO_REQUIRES(m_lock);
+    void SessionOff(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
+    bool RecreateAgent(DWORD dwWaitIndex) QO_REQUIRES(m_lock);
+    void WaitForAllAgents() QO_EXCLUDES(m_lock);
+    DWORD GetWaitCount() const { return static_cast<DWORD>(m_vecHandles.size()); }
+    const HANDLE* GetWaitHandles() const { return m_vecHandles.data(); }
+    HANDLE GetWaitHandle(DWORD i) const { return m_vecHandles[i]; }
     void RebuildWaitList() QO_REQUIRES(m_lock);
     void StartMissingAgents() QO_REQUIRES(m_lock);
     bool CreateAgent(DWORD dwSessionId, CSession& session) QO_REQUIRES(m_lock);
@@ -91,7 +86,7 @@ private:
     std::vector<HANDLE> m_vecHandles;
     std::vector<DWORD> m_vecSessionIds;
     SessionTable m_mapSession QO_GUARDED_BY(m_lock);
-    IMonitorHost* m_pHost;
+    IMonitorHost* const m_pHost;  // never null
 };
 
 // Spreads the registered sessions over monitors, one per batch of 62 session ids, created on
@@ -107,8 +102,6 @@ public:
     INT32 InsertSession(const SessionRecord& rec);
     void RemoveMonitor(INT32 nIndex);
 
-    DWORD GetMaxSessionId() const { return m_dwMaxSessionId; }
-    DWORD GetMonitorCount() const { return m_dwMonitorCount; }
     boost::shared_ptr<CSessionAgentMonitor> GetMonitor(DWORD dwIndex) const;
     size_t GetLiveMonitorCount() const { return m_mapMonitor.size(); }
 
@@ -116,6 +109,6 @@ private:
     DWORD m_dwMaxSessionId;
     DWORD m_dwMonitorCount;
     DWORD m_dwSessionsPerMonitor;
-    IMonitorHost* m_pHost;
+    IMonitorHost* const m_pHost;  // never null
     std::map<DWORD, boost::shared_ptr<CSessionAgentMonitor>> m_mapMonitor;
 };

@@ -67,6 +67,16 @@ bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
 
 bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
                         SessionRecord& record) {
+    CKernelHandle agent;
+    if (!StartSessionAgent(agentPath, workingPath, record, agent)) {
+        return false;
+    }
+    record.hAgentProcess = agent.Release();
+    return true;
+}
+
+bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
+                       const SessionRecord& record, CKernelHandle& agent) {
     const CKernelHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
     if (!explorer.IsValid()) {
         LOG_LAST_ERROR(L"OpenProcess Err=");
@@ -94,10 +104,11 @@ bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& worki
     }
     agentPath.copy(shpPath.get(), agentPath.size());
 
-    HANDLE hAgent = nullptr;
-    const BOOL bLaunched = LaunchInteractiveProcess(token.Get(), &hAgent, shpPath.get(), workingPath.c_str());
+    CKernelHandle launched;
+    const BOOL bLaunched =
+        LaunchInteractiveProcess(token.Get(), launched.Receive(), shpPath.get(), workingPath.c_str());
     if (bLaunched) {
-        record.hAgentProcess = hAgent;
+        agent = std::move(launched);
         LOG_INFO(L" Create Session Agent successfully session ID = " << record.dwSessionId);
     } else {
         LOG_ERROR(L" Create Session Agent failed session ID = " << record.dwSessionId);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "foundation/Contract.h"
+#include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
 
 // Appends one record for every process named explorer.exe (any letter case), with its session
@@ -14,7 +15,11 @@
 bool EnumUserSession(std::vector<SessionRecord>& sessions);
 
 // Starts agentPath in the session of record.dwExplorerPid, as the user of that explorer.exe, with
-// workingPath as its current directory. On success the record owns the new process handle.
+// workingPath as its current directory. On success the new process handle goes to agent, which owns
+// it; on failure agent is left as it was.
+bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
+                       const SessionRecord& record, CKernelHandle& agent);
+// The same, the handle handed to the record, whose owner must close it.
 bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
                         SessionRecord& record);
 

@@ -379,8 +379,8 @@ void WaitForAllMonitorThreads() {
     }
     std::vector<HANDLE> vecThreads;
     vecThreads.reserve(g_vecMonitorThreads.size());
-    for (const boost::shared_ptr<CKernelHandle>& shpThread : g_vecMonitorThreads) {
-        vecThreads.push_back(shpThread->Get());
+    for (const CKernelHandle& thread : g_vecMonitorThreads) {
+        vecThreads.push_back(thread.Get());
     }
     // One wait takes at most 64 handles; repeated stop and reload cycles can leave more threads
     // than that, so wait for them in batches and report the first failure, if any.
