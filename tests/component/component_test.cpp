@@ -127,6 +127,7 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
     const std::wstring log = UseLog(L"launch");
     SetCurrentDirectoryW(qt::PlatformDir().c_str());
     SetEnvironmentVariableW(L"ProgramW6432", L"C:\\Watchdog's PF");
+    SetEnvironmentVariableW(L"QoTestOwn", L"1");        // the user's environment is not the watchdog's
     const HWINSTA station = GetProcessWindowStation();  // its handle, not winsta0's opened for a launch
     HANDLE token = nullptr;  // a thread token would mean the launch left impersonation on
     qt::Agents started;
@@ -136,10 +137,11 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
     ASSERT_TRUE(started.Wait());
     EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token));
     const std::string report = qt::Report(GetProcessId(agent.get()));
-    for (const std::wstring& line : {L"cwd=" + qt::AgentDir(), L"Path=" + qt::PlatformDir() + L";",
-                                     std::wstring(L"ProgramW6432=C:\\Watchdog's PF"),
-                                     L"cmdline=\"" + qt::AgentDir() + L"\\QoSessionAgent.exe\"",
-                                     std::wstring(L"desktop=WinSta0\\Default")}) {
+    for (const std::wstring& line :
+         {L"cwd=" + qt::AgentDir(), L"Path=" + qt::PlatformDir() + L";",
+          std::wstring(L"ProgramW6432=C:\\Watchdog's PF"), std::wstring(L"QoTestOwn=\r"),
+          L"cmdline=\"" + qt::AgentDir() + L"\\QoSessionAgent.exe\"",
+          std::wstring(L"desktop=WinSta0\\Default")}) {
         EXPECT_NE(std::string::npos, report.find("\n" + qt::ToUtf8(line))) << report;
     }
 
@@ -159,6 +161,9 @@ TEST(Launch, AgentAsTheShellsUserAndFaults) {
     EXPECT_FALSE(env.PrependValue(L"Path", nullptr));
     env.SetVariable(L"QoTestNew", L"1");
     EXPECT_EQ(L"QoTestNew=1", env.GetEntries().back()) << "a variable the user lacks is appended";
+    const size_t entries = env.GetEntries().size();
+    env.SetVariable(L"QoTestNew", L"2");
+    EXPECT_EQ(entries, env.GetEntries().size()) << "one it has is replaced, not appended";
 
     SessionRecord missing = Session(1, qt::Find(L"explorer.exe").front());
     EXPECT_FALSE(CreateSessionAgent(qt::AgentDir() + L"\\Missing.exe", qt::AgentDir(), missing));

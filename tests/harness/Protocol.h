@@ -27,9 +27,11 @@ inline constexpr wchar_t kImmediate[] = L"Immediate";
 inline constexpr wchar_t kKeldRunning[] = L"Global\\QoTestKeldRunning";
 inline constexpr wchar_t kHeld[] = L"Global\\QoTestMutexHeld";
 inline constexpr wchar_t kClock[] = L"Global\\QoTestAgentClock";  // a mapping of two LONGLONGs
-// The report's keys besides session, cmdline, cwd and desktop (winsta\\desktop).
+// The report's keys besides session, cmdline, cwd and desktop (winsta\\desktop); QoTestOwn is set in
+// the test's own environment alone.
 inline constexpr const wchar_t* kReportedVariables[] = {
-    L"Path", L"CommonProgramFiles(x86)", L"CommonProgramW6432", L"ProgramFiles(x86)", L"ProgramW6432"};
+    L"Path",     L"CommonProgramFiles(x86)", L"CommonProgramW6432", L"ProgramFiles(x86)", L"ProgramW6432",
+    L"QoTestOwn"};
 
 inline std::string ToUtf8(const std::wstring& text) {
     std::string out(text.size() * 3, '\0');

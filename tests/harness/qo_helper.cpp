@@ -59,7 +59,8 @@ void WriteReport(const std::wstring& pid) {
                          "\r\ndesktop=" + qt::ToUtf8(NameOf(GetProcessWindowStation())) + "\\" +
                          qt::ToUtf8(NameOf(GetThreadDesktop(GetCurrentThreadId()))) + "\r\n";
     for (const wchar_t* name : qt::kReportedVariables) {
-        text[GetEnvironmentVariableW(name, text, 32768) < 32768 ? 32767 : 0] = L'\0';
+        const DWORD n = GetEnvironmentVariableW(name, text, 32768);  // 0 for a variable not set
+        text[n < 32768 ? n : 0] = L'\0';
         report += qt::ToUtf8(name) + "=" + qt::ToUtf8(text) + "\r\n";
     }
     GetModuleFileNameW(nullptr, text, MAX_PATH);
