@@ -345,7 +345,8 @@ bool LogTail::Wait(const std::string& text, size_t count, DWORD ms) {
     }
 }
 
-std::string LogTail::Seen() const {
+std::string LogTail::Seen() {
+    Count("");
     std::string seen;
     for (size_t i = std::max(m_mark, m_lines.size() - std::min<size_t>(m_lines.size(), 40));
          i < m_lines.size(); ++i) {
