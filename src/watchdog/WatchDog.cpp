@@ -300,18 +300,39 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
         LOG_INFO(L"no terminated event exists.");
         dwWaitCount = 2;
     }
+    // A reinstall deletes the install key and creates it again: its parent tells of both, and the
+    // gate then watches the new key.
+    CRegKey parentKey;
+    const LONG lParent = parentKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_PARENT_KEY, KEY_NOTIFY);
     const HANDLE waitList[3] = {hParentProcess, changeEvent.Get(), terminateEvent.Get()};
     LOG_INFO(L"Wait for set start event.");
 
     for (;;) {
-        // Armed before every read, so a change between the read and the wait still wakes it.
-        const LONG lNotify = RegNotifyChangeKeyValue(installKey.GetHandle(), TRUE, REG_NOTIFY_CHANGE_LAST_SET,
-                                                     changeEvent.Get(), TRUE);
+        // Armed before every look, so a change between the look and the wait still wakes it.
+        LONG lNotify = lParent == ERROR_SUCCESS ? RegNotifyChangeKeyValue(parentKey.GetHandle(), FALSE,
+                                                                          REG_NOTIFY_CHANGE_NAME,
+                                                                          changeEvent.Get(), TRUE)
+                                                : ERROR_SUCCESS;
+        bool bKey = installKey.GetHandle() != nullptr;
+        if (lNotify == ERROR_SUCCESS && bKey) {
+            lNotify = RegNotifyChangeKeyValue(installKey.GetHandle(), TRUE, REG_NOTIFY_CHANGE_LAST_SET,
+                                              changeEvent.Get(), TRUE);
+        }
+        if (lNotify == ERROR_KEY_DELETED && lParent == ERROR_SUCCESS && bKey) {
+            installKey.Close();
+            bKey = false;
+            lNotify = ERROR_SUCCESS;
+        }
         if (lNotify != ERROR_SUCCESS) {
             LOG_ERROR(L"RegNotifyChangeKeyValue() fail. err=" << lNotify);
             return false;
         }
-        if (IsStartValueSet(installKey)) {
+        if (!bKey && installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS) {
+            LOG_ERROR(L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
+                      L"SetStartEvent is watched again");
+            continue;  // arms the new key before its first read
+        }
+        if (bKey && IsStartValueSet(installKey)) {
             return true;
         }
         const DWORD dwRet = WaitForMultipleObjects(dwWaitCount, waitList, FALSE, INFINITE);
