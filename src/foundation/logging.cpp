@@ -106,6 +106,37 @@ HANDLE OpenForAppend(const std::wstring& strPath) {
                        nullptr);
 }
 
+// A debug folder that has gone since start-up is created again, as at start-up, before the line.
+HANDLE OpenLog(const std::wstring& strPath) {
+    HANDLE hFile = OpenForAppend(strPath);
+    if (hFile == INVALID_HANDLE_VALUE && GetLastError() == ERROR_PATH_NOT_FOUND &&
+        CreateDirectoryW(strPath.substr(0, strPath.find_last_of(L'\\')).c_str(), nullptr)) {
+        hFile = OpenForAppend(strPath);
+    }
+    return hFile;
+}
+
+// A line that was not written whole is cut off again, so the next line starts at a line start.
+void CutBack(const std::wstring& strPath, const LARGE_INTEGER& size) {
+    const CKernelHandle file(CreateFileW(strPath.c_str(), FILE_WRITE_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file.IsValid() && SetFilePointerEx(file.Get(), size, nullptr, FILE_BEGIN)) {
+        SetEndOfFile(file.Get());
+    }
+}
+
+// What this process could not write, under the log lock: the lines lost since its last written
+// line and the last error met, the lines written so far, and a writers'-mutex notice not yet told.
+unsigned long long g_nLostLines = 0;
+DWORD g_dwLostError = 0;
+unsigned long long g_nWrittenLines = 0;
+bool g_bStuckNoticePending = false;
+
+// A line of the log's own, as a log statement of this file writes it.
+std::wstring OwnErrorLine(const std::wstring& strMessage) {
+    return CLogStatement::Head(LogSourceName(__FILE__), __LINE__, true) + strMessage + L"\n";
+}
+
 }  // namespace
 
 logging<wchar_t>& GetLogger() { return g_logger.Get(); }
@@ -145,34 +176,58 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
     }
 
     // The file is opened and closed for every line, so nothing is held between lines and a
-    // process killed right after a statement has lost nothing of it.
+    // process killed right after a statement has lost nothing of it. A line that cannot be written
+    // is counted, and the next line that can be is preceded by the count.
     const CLogWriterTurn turn(LogWriterMutex());
-    CKernelHandle file(OpenForAppend(pSettings->strFile));
-    if (!file.IsValid()) {
-        return;  // lost; the next line tries again
-    }
+    g_bStuckNoticePending = g_bStuckNoticePending || turn.JustStuck();
+    CKernelHandle file(OpenLog(pSettings->strFile));
     LARGE_INTEGER size = {};
-    if (GetFileSizeEx(file.Get(), &size) && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
+    if (file.IsValid() && GetFileSizeEx(file.Get(), &size) && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
         file.Close();
         if (!DeleteFileW(pSettings->strFile.c_str())) {
             // The file could not be deleted (another program holds it): move it aside.
             const std::wstring strAside = pSettings->strFile + std::to_wstring(_time64(nullptr));
             MoveFileW(pSettings->strFile.c_str(), strAside.c_str());
         }
-        file.Reset(OpenForAppend(pSettings->strFile));
-        if (!file.IsValid()) {
-            return;
-        }
+        file.Reset(OpenLog(pSettings->strFile));
+        size.QuadPart = 0;
     }
-    std::wstring strLine(pszText);
-    if (turn.JustStuck()) {
-        strLine = CLogStatement::Head(LogSourceName(__FILE__), __LINE__, true) + L"Log writer mutex " +
-                  LOG_WRITER_MUTEX + L" held by another process for " + std::to_wstring(LOG_WRITER_WAIT_MS) +
-                  L" ms, lines are written without it\n" + strLine;
+    if (!file.IsValid() || !GetFileSizeEx(file.Get(), &size)) {
+        ++g_nLostLines;
+        g_dwLostError = GetLastError();
+        return;
     }
-    const std::string strText = ToFileText(strLine.c_str());
+    std::wstring strLines;
+    if (g_nLostLines > 0) {
+        strLines =
+            OwnErrorLine(std::to_wstring(g_nLostLines) + L" log lines lost: the log could not be written, " +
+                         L"last error=" + std::to_wstring(g_dwLostError));
+    }
+    strLines += pszText;
+    // The notice follows the line that waited, but never comes before a process's second line,
+    // which tells why the log is where it is.
+    const bool bNotice = g_bStuckNoticePending && g_nWrittenLines > 0;
+    if (bNotice) {
+        strLines += OwnErrorLine(L"Log writer mutex " + std::wstring(LOG_WRITER_MUTEX) +
+                                 L" held by another process for " + std::to_wstring(LOG_WRITER_WAIT_MS) +
+                                 L" ms, lines are written without it");
+    }
+    const std::string strText = ToFileText(strLines.c_str());
     DWORD cbWritten = 0;
-    WriteFile(file.Get(), strText.data(), static_cast<DWORD>(strText.size()), &cbWritten, nullptr);
+    const BOOL bWritten =
+        WriteFile(file.Get(), strText.data(), static_cast<DWORD>(strText.size()), &cbWritten, nullptr);
+    if (!bWritten || cbWritten != strText.size()) {
+        // A full disk writes part of it, or nothing. Written without the writers' mutex, the cut
+        // may take a line another process appended meanwhile.
+        g_dwLostError = bWritten ? static_cast<DWORD>(ERROR_DISK_FULL) : GetLastError();
+        file.Close();
+        CutBack(pSettings->strFile, size);
+        ++g_nLostLines;
+        return;
+    }
+    g_nLostLines = 0;
+    ++g_nWrittenLines;
+    g_bStuckNoticePending = g_bStuckNoticePending && !bNotice;
 }
 
 std::wstring CLogStatement::Head(const char* pszSource, int nLine, bool bError) {

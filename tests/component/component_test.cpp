@@ -66,10 +66,26 @@ TEST(Log, LineFormCutsAndFaults) {
     LOG_INFO(L"whole");
     EXPECT_EQ("whole", qt::ReadLog(path).lines.back().message);
 
-    // A missing directory loses the line; the next line that can be written is.
-    GetLogger().set_file((path + L"-missing\\QoWatchDog.log").c_str());
+    // A debug folder deleted meanwhile is made again. Lines that cannot be written (a folder that
+    // cannot be made, a file held with no sharing) are lost and told before the next that is.
+    const std::wstring dir = path.substr(0, path.rfind(L'\\'));
+    std::filesystem::remove_all(std::filesystem::path(dir));
+    LOG_INFO(L"in a folder made again");
+    GetLogger().set_file((dir + L"\\missing\\deeper\\QoWatchDog.log").c_str());
     LOG_INFO(L"lost");
     GetLogger().set_file(path.c_str());
+    {
+        const qt::Handle held =
+            qt::Own(CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(held);
+        LOG_INFO(L"lost too");
+    }
+    LOG_INFO(L"told");
+    log = qt::ReadLog(path);
+    EXPECT_EQ("",
+              qt::InOrder(log, {"in a folder made again",
+                                "2 log lines lost: the log could not be written, last error=32", "told"}));
+    EXPECT_EQ(3u, log.lines.size()) << qt::InOrder(log, {"?"});
     std::thread other([] {
         for (int i = 0; i < 200; ++i)
             LOG_INFO(L"other thread " << i);
@@ -78,9 +94,8 @@ TEST(Log, LineFormCutsAndFaults) {
         LOG_INFO(L"main thread " << i);
     other.join();
     log = qt::ReadLog(path);
-    EXPECT_EQ(402u, log.lines.size());
+    EXPECT_EQ(403u, log.lines.size());
     EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
-    EXPECT_EQ(0u, log.Count("lost"));
 
     // One that cannot be deleted (read-only) is moved aside to QoWatchDog.log<seconds since 1970>. Only
     // root under Wine can open a read-only file for appending and so reach the move.
