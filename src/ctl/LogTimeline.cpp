@@ -149,7 +149,8 @@ public:
     void Summary() {
         m_out << "\nSummary: " << m_lines << " log lines, " << m_malformed << " malformed, " << m_supervisors
               << " supervisor start(s), " << m_runKeys << " run-key instance(s), " << m_errors
-              << " error(s), " << m_unattributed << " agent exit(s) not attributed to a session\n";
+              << " error(s), " << m_unattributed << " agent exit(s) not attributed to a session, "
+              << m_lostLines << " line(s) the watchdog could not write\n";
         for (const auto& entry : m_sessions) {
             if (m_session >= 0 && entry.first != m_session) {
                 continue;
@@ -225,6 +226,24 @@ private:
                 if (meaning.empty() && NumberAfter(msg, key, n) && !Win32Meaning(n).empty()) {
                     meaning = " (" + std::to_string(n) + ": " + Win32Meaning(n) + ")";
                 }
+            }
+            long long lost = 0;
+            if (std::sscanf(msg.c_str(), "%lld log lines lost: the log could not be written, last error=%lld",
+                            &lost, &n) == 2) {
+                m_lostLines += static_cast<size_t>(lost);
+                Say(line.time, line.pid,
+                    "LOG GAP: " + std::to_string(lost) +
+                        " line(s) of this process could not be written before "
+                        "this point" +
+                        meaning,
+                    -1);
+                return;
+            }
+            if (msg.find("Install was deleted and created again") != std::string::npos) {
+                Say(line.time, line.pid,
+                    "start gate: the install key was deleted and created again (a reinstall); watched again",
+                    -1);
+                return;
             }
             // A failed start and a shell check name the session whose agent was not started.
             const long long id =
@@ -317,7 +336,8 @@ private:
     std::ostream& m_out;
     long long m_since;
     long long m_session;
-    size_t m_lines = 0, m_malformed = 0, m_errors = 0, m_supervisors = 0, m_runKeys = 0, m_unattributed = 0;
+    size_t m_lines = 0, m_malformed = 0, m_errors = 0, m_supervisors = 0, m_runKeys = 0, m_unattributed = 0,
+           m_lostLines = 0;
     std::map<long long, Session> m_sessions;
     std::map<unsigned long, std::deque<Exit>> m_pending;
     std::map<unsigned long, unsigned long> m_newPid;
@@ -332,7 +352,10 @@ std::string Win32Meaning(long long code) {
         {3, "the path was not found"},
         {5, "access denied"},
         {6, "the handle is invalid"},
+        {31, "a device attached to the system is not functioning (a write the disk refused)"},
+        {32, "the file is in use by another program that shares nothing"},
         {87, "the parameter is incorrect (for a process id: the process has ended)"},
+        {112, "the disk is full"},
         {183, "the name already exists"},
         {998, "invalid access to a memory location"},
         {1056, "the service is already running"},

@@ -61,15 +61,20 @@ std::string Exit(int m, int s, int pid, int graceful, const std::string& code) {
 TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
     std::string life =
         L(0, 0, 10, "Start Watch Dog") + L(0, 0, 10, "Watch Dog started") +
-        L(0, 0, 10, "Wait for set start event.") + L(0, 1, 10, "Enter WaitForMultipleObjects Main Loop") +
-        Started(0, 1, 10, 20, 1) + Exit(0, 2, 10, 0, "3221225477") + Started(0, 2, 10, 21, 1) +
-        Exit(0, 3, 10, 1, "3221225794") + L(0, 3, 10, "session (1) is off.") +
-        L(0, 4, 30, "Start Watch Dog") + L(0, 4, 30, "Watch Dog started by runkey") +
-        L(0, 4, 30, "Exit Watch Dog From Run Key. nRet=0") + L(0, 5, 10, "session (1) is on again.") +
-        Started(0, 5, 10, 22, 1) +
+        L(0, 0, 10, "Wait for set start event.") +
+        L(0, 1, 10,
+          "Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its SetStartEvent is "
+          "watched again",
+          true) +
+        L(0, 1, 10, "Enter WaitForMultipleObjects Main Loop") + Started(0, 1, 10, 20, 1) +
+        Exit(0, 2, 10, 0, "3221225477") + Started(0, 2, 10, 21, 1) + Exit(0, 3, 10, 1, "3221225794") +
+        L(0, 3, 10, "session (1) is off.") + L(0, 4, 30, "Start Watch Dog") +
+        L(0, 4, 30, "Watch Dog started by runkey") + L(0, 4, 30, "Exit Watch Dog From Run Key. nRet=0") +
+        L(0, 5, 10, "session (1) is on again.") + Started(0, 5, 10, 22, 1) +
         L(0, 6, 10,
           "Shell process id=7 of session 2 now names svchost.exe in session 0: its token is not used", true) +
-        L(0, 6, 10, "OpenProcess Err=87", true);
+        L(0, 6, 10, "OpenProcess Err=87", true) +
+        L(0, 7, 10, "3 log lines lost: the log could not be written, last error=32", true);
     for (int i = 0; i < 5; ++i) {  // session 3 crashes five times within a minute
         life += Exit(1, 10 * i, 10, 0, "1") + Started(1, 10 * i, 10, 40 + i, 3);
     }
@@ -80,32 +85,36 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
             L(2, 9, 10, "Watch Dog finished");
     const Result run = Timeline({life});
     EXPECT_EQ(0, run.code);
-    ExpectHas(run.out,
-              {"[10] supervisor started",
-               "[10] waits at its start gate",
-               "[10] serving: main loop",
-               "[10] session 1: agent started (pid 20)",
-               "session 1: agent ended, exit code 3221225477 (crash: access violation); restarted (pid 21)",
-               "session 1: agent ended, exit code 3221225794 (graceful: its DLLs failed to start",
-               "session 1: off: no agent until the user logs on again",
-               "[30] run-key instance: asked the supervisor",
-               "session 1: on again",
-               "ERROR OpenProcess Err=87 (87: the parameter is incorrect",
-               "session 3: CRASH LOOP: restarted 5 times within 60 s",
-               "session 3: agent ended, exit code 1 (ungraceful), could not be restarted",
-               "ERROR CreateProcessAsUser GetLastError=2 (2: the file or key was not found)",
-               "the log does not tell in which session",
-               "request served: terminate",
-               "ended (exit code 0)",
-               "1 supervisor start(s), 1 run-key instance(s), 5 error(s), 1 agent exit(s) not attributed",
-               "session 1: 3 agent start(s), 1 restart(s), 1 ungraceful end(s), 1 graceful end(s), 1 off, 1 "
-               "on again",
-               "session 2: 0 agent start(s), 0 restart(s), 0 ungraceful end(s), 0 graceful end(s), 0 off, 0 "
-               "on again, "
-               "1 failed start(s)",
-               "session 3: 5 agent start(s), 5 restart(s), 6 ungraceful end(s), 0 graceful end(s), 1 off, 0 "
-               "on again, "
-               "1 failed start(s), CRASH LOOP"});
+    ExpectHas(
+        run.out,
+        {"[10] supervisor started",
+         "[10] waits at its start gate",
+         "[10] start gate: the install key was deleted and created again",
+         "[10] LOG GAP: 3 line(s) of this process could not be written before this point (32: ",
+         "[10] serving: main loop",
+         "[10] session 1: agent started (pid 20)",
+         "session 1: agent ended, exit code 3221225477 (crash: access violation); restarted (pid 21)",
+         "session 1: agent ended, exit code 3221225794 (graceful: its DLLs failed to start",
+         "session 1: off: no agent until the user logs on again",
+         "[30] run-key instance: asked the supervisor",
+         "session 1: on again",
+         "ERROR OpenProcess Err=87 (87: the parameter is incorrect",
+         "session 3: CRASH LOOP: restarted 5 times within 60 s",
+         "session 3: agent ended, exit code 1 (ungraceful), could not be restarted",
+         "ERROR CreateProcessAsUser GetLastError=2 (2: the file or key was not found)",
+         "the log does not tell in which session",
+         "request served: terminate",
+         "ended (exit code 0)",
+         "1 supervisor start(s), 1 run-key instance(s), 7 error(s), 1 agent exit(s) not attributed to a "
+         "session, 3 line(s) the watchdog could not write",
+         "session 1: 3 agent start(s), 1 restart(s), 1 ungraceful end(s), 1 graceful end(s), 1 off, 1 "
+         "on again",
+         "session 2: 0 agent start(s), 0 restart(s), 0 ungraceful end(s), 0 graceful end(s), 0 off, 0 "
+         "on again, "
+         "1 failed start(s)",
+         "session 3: 5 agent start(s), 5 restart(s), 6 ungraceful end(s), 0 graceful end(s), 1 off, 0 "
+         "on again, "
+         "1 failed start(s), CRASH LOOP"});
     EXPECT_EQ(run.out.find("CRASH LOOP:"), run.out.rfind("CRASH LOOP:")) << "flagged once";
 
     // Narrowed to session 3 from 20:01:30 on: its last restarts and its end, nothing of the others.
@@ -144,7 +153,8 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     run = Timeline({huge}, {"--session", "0"});
     ExpectHas(run.out,
               {"Summary: 60000 log lines, 0 malformed", "0 agent exit(s) not attributed", "  session 0: "});
-    EXPECT_EQ(std::string::npos, run.out.find("session 1: ")) << "the timeline and summary of session 0 alone";
+    EXPECT_EQ(std::string::npos, run.out.find("session 1: "))
+        << "the timeline and summary of session 0 alone";
 }
 
 }  // namespace
