@@ -110,8 +110,15 @@ int RegisterPass(DWORD sessions) {
     qt::Agents ready;
     const double before = Now();
     pWatchDog->RegisterSessions(records);
-    const bool all = ready.Wait(static_cast<int>(sessions), 900000);
+    // Bounded: a session whose agent is refused (its shell gone meanwhile) fails the pass, which
+    // then says how many agents came and what the log holds of the refusals.
+    const bool all = ready.Wait(static_cast<int>(sessions), 120000 + 100 * sessions);
     std::printf("%.1f\n", all ? Now() - before : -1.0);
+    if (!all) {
+        const qt::Log log = qt::ReadLog();
+        std::printf("%zu of %lu agents started; %zu error line(s)\n",
+                    log.Count(" Create Session Agent successfully"), sessions, log.Errors());
+    }
     pWatchDog->SetCloseEvent(true);
     qt::EndAllAgents(0);
     WaitForAllMonitorThreads();
@@ -137,8 +144,12 @@ double RegistrationPass(const std::wstring& self, DWORD n) {
     const qt::Proc pass{qt::Own(pi.hProcess), pi.dwProcessId};
     CloseHandle(pi.hThread);
     double ms = -1;
-    FILE* result = qt::ExitCode(pass, 900000).value_or(1) == 0 ? _wfopen(out.c_str(), L"r") : nullptr;
-    if (result == nullptr || std::fscanf(result, "%lf", &ms) != 1) {
+    const bool passed = qt::ExitCode(pass, 900000).value_or(1) == 0;
+    FILE* result = _wfopen(out.c_str(), L"r");
+    if (!passed || result == nullptr || std::fscanf(result, "%lf", &ms) != 1) {
+        char said[256] = {};
+        while (result != nullptr && std::fgets(said, sizeof(said), result) != nullptr)
+            std::printf("registration pass of %lu: %s", n, said);
         Fail("registration pass");
     }
     std::fclose(result);
