@@ -41,6 +41,8 @@ TEST(Supervisor, WholeLife) {
                "SetStartEvent: \"1\" (registry type 1, not a REG_DWORD): the start gate stays shut"});
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 2));
     ASSERT_TRUE(qt::WaitLog("Regkey is changed. check again.", 2));
+    EXPECT_EQ(2u, qt::ReadLog().Count("Regkey is changed. check again."))
+        << "one wake-up per write, none before";
     EXPECT_TRUE(qt::Find(L"QoSessionAgent.exe").empty());
     ASSERT_EQ(ERROR_SUCCESS, RegDeleteKeyW(HKEY_LOCAL_MACHINE, qt::kInstallKey));
     ASSERT_TRUE(qt::WaitLog("Regkey is changed. check again.", 3));
@@ -108,7 +110,10 @@ TEST(Supervisor, WholeLife) {
                "session 1: off", "run-key instance: asked the supervisor to reload", "session 1: on again",
                "request served: stop", "ERROR Log writer mutex", "session 1: 4 agent start(s), 1 restart(s)",
                "0 agent exit(s) not attributed"});
-    EXPECT_EQ(4u, log.Count("Regkey is changed. check again.")) << "one wake-up per change, none before";
+    // The reinstall wakes it for the deletion, then once or twice more as the key and its value
+    // come back before or after the gate watches again.
+    EXPECT_LE(3u, log.Count("Regkey is changed. check again."));
+    EXPECT_GE(5u, log.Count("Regkey is changed. check again."));
     EXPECT_EQ(1u, log.Count("Install was deleted and created again: its SetStartEvent is watched again"));
 }
 
