@@ -67,6 +67,9 @@ tidy() {
 }
 
 use_prefix() {
+    # The wineserver keeps several descriptors for every Wine process; the many-sessions scenario
+    # runs some 500 of them, past the usual soft limit of 1024 of a non-root user.
+    ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
     prefix=$(realpath -m -- "$1")
     log=$prefix.log
     export WINEPREFIX=$prefix WINEARCH=win64 WINEDEBUG=-all
