@@ -18,4 +18,3 @@
 #define QO_RELEASE(...) QO_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define QO_EXCLUDES(...) QO_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define QO_RETURN_CAPABILITY(x) QO_THREAD_ANNOTATION(lock_returned(x))
-#define QO_NO_THREAD_SAFETY_ANALYSIS QO_THREAD_ANNOTATION(no_thread_safety_analysis)

@@ -181,8 +181,9 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
     const CLogWriterTurn turn(LogWriterMutex());
     g_bStuckNoticePending = g_bStuckNoticePending || turn.JustStuck();
     CKernelHandle file(OpenLog(pSettings->strFile));
-    LARGE_INTEGER size = {};
-    if (file.IsValid() && GetFileSizeEx(file.Get(), &size) && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
+    LARGE_INTEGER size = {};  // the length before the line: where a line not written whole is cut
+    bool bSized = file.IsValid() && GetFileSizeEx(file.Get(), &size);
+    if (bSized && size.QuadPart > LOG_FILE_SIZE_LIMIT) {
         file.Close();
         if (!DeleteFileW(pSettings->strFile.c_str())) {
             // The file could not be deleted (another program holds it): move it aside.
@@ -190,9 +191,9 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
             MoveFileW(pSettings->strFile.c_str(), strAside.c_str());
         }
         file.Reset(OpenLog(pSettings->strFile));
-        size.QuadPart = 0;
+        bSized = file.IsValid() && GetFileSizeEx(file.Get(), &size);
     }
-    if (!file.IsValid() || !GetFileSizeEx(file.Get(), &size)) {
+    if (!bSized) {
         ++g_nLostLines;
         g_dwLostError = GetLastError();
         return;

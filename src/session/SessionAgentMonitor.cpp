@@ -228,8 +228,7 @@ DWORD CSessionAgentMonitor::Run() {
 
     WaitForAllAgents();
     // Ending the monitor normally destroys it: nothing of it is used afterwards.
-    IMonitorHost* const pHost = m_pHost;
-    pHost->MonitorEnded(m_dwIndex);
+    m_pHost->MonitorEnded(m_dwIndex);
     return 0;
 }
 
