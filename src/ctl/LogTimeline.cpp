@@ -1,95 +1,47 @@
 #include "ctl/LogTimeline.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <ostream>
-#include <regex>
-#include <sstream>
+
+#include "ctl/FileWatch.h"
+#include "ctl/LogReader.h"
 
 namespace QoWatchCtl {
 namespace {
 
-// A session restarted this often within this many seconds is in a crash loop.
-const size_t CRASH_LOOP_RESTARTS = 5;
-const long long CRASH_LOOP_SECONDS = 60;
+const size_t RECENT_ERRORS = 5;
 
-const char* const MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+bool IsGraceful(unsigned long code) { return code == 0 || code == 0xC0000142 || code == 0x40010004; }
 
-// Seconds since 1970 of a civil date and time, taken as UTC: the log's local times compare and
-// subtract correctly, whatever the zone.
-long long Seconds(long long y, long long mon, long long d, long long h, long long min, long long s) {
-    y -= mon <= 2;
-    const long long era = (y >= 0 ? y : y - 399) / 400;
-    const long long yoe = y - era * 400;
-    const long long doy = (153 * (mon + (mon > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const long long days = era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
-    return days * 86400 + h * 3600 + min * 60 + s;
+std::string Hex(unsigned long code) {
+    char text[24];
+    std::snprintf(text, sizeof(text), "0x%lX", code);
+    return text;
 }
 
-struct Line {
-    std::string time;
-    long long seconds = 0;
-    unsigned long pid = 0;
-    bool error = false;
-    std::string message;
-};
-
-// [Mon Nov 16 20:00:32 2026][2140][Pellisk][.\source][100][INFO]message
-bool Parse(const std::string& text, Line& line) {
-    static const std::regex form(
-        R"(\[((Mon|Tue|Wed|Thu|Fri|Sat|Sun) ([A-Z][a-z]{2}) ([ 0-3]\d) ([0-2]\d):([0-5]\d):([0-5]\d) (\d{4}))\])"
-        R"(\[(\d+)\]\[Pellisk\]\[\.\\\w+\]\[\d+\]\[(INFO|ERROR)\](.*))");
-    std::smatch m;
-    if (!std::regex_match(text, m, form)) {
-        return false;
-    }
-    long long month = 0;
-    while (month < 12 && m[3] != MONTHS[month]) {
-        ++month;
-    }
-    if (month == 12) {
-        return false;
-    }
-    line.time = m[1];
-    line.seconds = Seconds(std::stoll(m[8]), month + 1, std::stoll(m[4]), std::stoll(m[5]), std::stoll(m[6]),
-                           std::stoll(m[7]));
-    line.pid = std::stoul(m[9]);
-    line.error = m[10] == "ERROR";
-    line.message = m[11];
-    return true;
-}
-
-// "YYYY-MM-DD HH:MM:SS" or with a T; -1 when it is neither.
-long long ParseSince(const std::string& text) {
-    int y = 0, mon = 0, d = 0, h = 0, min = 0, s = 0;
-    char sep = 0;
-    if (std::sscanf(text.c_str(), "%d-%d-%d%c%d:%d:%d", &y, &mon, &d, &sep, &h, &min, &s) != 7 ||
-        (sep != ' ' && sep != 'T')) {
-        return -1;
-    }
-    return Seconds(y, mon, d, h, min, s);
-}
-
-std::string ExitMeaning(unsigned long code) {
+std::string ExitWord(unsigned long code) {
     switch (code) {
         case 0:
-            return "graceful: a normal end";
+            return "normal end";
         case 0xC0000142:
-            return "graceful: its DLLs failed to start (the session is ending)";
+            return "DLL initialization failed (the session is ending)";
         case 0x40010004:
-            return "graceful: ended by a debugger";
+            return "ended by a debugger";
         case 0xC0000005:
-            return "crash: access violation";
+            return "access violation";
         case 0xC00000FD:
-            return "crash: stack overflow";
+            return "stack overflow";
         case 0xC0000409:
-            return "crash: stack buffer overrun";
+            return "stack buffer overrun";
+        case 0xC000013A:
+            return "ended by Ctrl+C";
         default:
-            return "ungraceful";
+            return "";
     }
 }
 
@@ -105,246 +57,575 @@ bool NumberAfter(const std::string& text, const std::string& prefix, long long& 
     return end != start;
 }
 
-struct Session {
-    size_t starts = 0, restarts = 0, graceful = 0, crashes = 0, offs = 0, ons = 0, failures = 0, loops = 0;
-    std::deque<long long> recentRestarts;  // the last few, within the crash-loop window
-    bool bInLoop = false;
+// A JSON string: quotes, backslashes and control bytes escaped; a byte that is not part of valid
+// UTF-8 as the character of the same number.
+std::string Json(const std::string& text) {
+    std::string out = "\"";
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+        for (size_t k = 1; k < length; ++k) {
+            if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) >> 6) != 2) {
+                length = 0;
+            }
+        }
+        char escaped[8];
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || length == 0) {
+            std::snprintf(escaped, sizeof(escaped), "\\u%04X", c);
+            out += escaped;
+        } else {
+            out.append(text, i, length);
+            i += length - 1;
+        }
+    }
+    return out + "\"";
+}
+
+struct Entry {
+    long long seconds = 0;
+    size_t seq = 0;
+    bool bTimed = true;  // false for a malformed line: placed after the line before it
+    unsigned long pid = 0;
+    long long session = -1;
+    std::string event, text, message;
+    long long exitCode = -1, count = -1, until = -1;
+    unsigned long agentPid = 0;
 };
 
 struct Exit {
-    std::string time;
+    long long seconds = 0;
     unsigned long code = 0;
     bool graceful = false;
 };
 
+// What the timeline follows of one process while reading: reset at its "Start Watch Dog".
+struct Work {
+    std::deque<Exit> pending;  // exits not yet attributed to a session
+    unsigned long newPid = 0;
+    long long runKeyStart = -1;
+    std::string lastError;
+};
+
+struct Counts {
+    size_t starts = 0, restarts = 0, graceful = 0, crashes = 0, offs = 0, ons = 0, failures = 0, loops = 0;
+};
+
 class CTimeline {
 public:
-    CTimeline(std::ostream& out, long long since, long long session)
-        : m_out(out), m_since(since), m_session(session) {}
+    CTimeline(LogState& state, bool bJson) : m_state(state), m_bJson(bJson) {}
 
     void Add(const std::string& file, size_t number, const std::string& text) {
         Line line;
-        if (!Parse(text, line)) {
+        std::string why;
+        if (!ParseLine(text, line, why)) {
             ++m_malformed;
-            Say("", 0, "MALFORMED " + file + ":" + std::to_string(number) + ": " + text.substr(0, 160), -1);
+            Entry e = Make(m_lastSeconds, 0, -1, "malformed",
+                           "MALFORMED " + file + ":" + std::to_string(number) + " (" + why +
+                               "): " + Escape(text.substr(0, 200)));
+            e.bTimed = false;
+            e.message = text;
+            Put(e);
             return;
         }
         ++m_lines;
-        if (m_since >= 0 && line.seconds < m_since) {
-            return;
-        }
+        m_lastSeconds = line.seconds;
         Handle(line);
     }
 
-    // Exits still waiting for the line that names their session.
-    void Finish() {
-        for (auto& pending : m_pending) {
-            for (const Exit& exit : pending.second) {
-                Unattributed(pending.first, exit);
+    // Restarts held back for a crash loop; at the end also the exits still waiting for the line
+    // that names their session.
+    void Flush(bool bEnd) {
+        for (auto& work : m_work) {
+            if (bEnd) {
+                Unattributed(work.first, work.second);
             }
         }
-        m_pending.clear();
+        for (auto& run : m_runs) {
+            FlushRun(run.first);
+        }
     }
 
-    void Summary() {
-        m_out << "\nSummary: " << m_lines << " log lines, " << m_malformed << " malformed, " << m_supervisors
-              << " supervisor start(s), " << m_runKeys << " run-key instance(s), " << m_errors
-              << " error(s), " << m_unattributed << " agent exit(s) not attributed to a session, "
-              << m_lostLines << " line(s) the watchdog could not write\n";
-        for (const auto& entry : m_sessions) {
-            if (m_session >= 0 && entry.first != m_session) {
+    // The entries so far in time order.
+    std::vector<Entry> Take() {
+        std::stable_sort(m_entries.begin(), m_entries.end(), [](const Entry& a, const Entry& b) {
+            return a.seconds != b.seconds ? a.seconds < b.seconds : a.seq < b.seq;
+        });
+        std::vector<Entry> entries;
+        entries.swap(m_entries);
+        return entries;
+    }
+
+    void Summary(std::ostream& out, long long session) const {
+        out << "\nSummary: " << m_lines << " log lines, " << m_malformed << " malformed, " << m_supervisors
+            << " supervisor start(s), " << m_runKeys << " run-key instance(s), " << m_errors << " error(s), "
+            << m_unattributed << " agent exit(s) not attributed to a session, " << m_lostLines
+            << " line(s) the watchdog could not write\n";
+        for (const auto& entry : m_counts) {
+            if (session >= 0 && entry.first != session) {
                 continue;
             }
-            const Session& s = entry.second;
-            m_out << "  session " << entry.first << ": " << s.starts << " agent start(s), " << s.restarts
-                  << " restart(s), " << s.crashes << " ungraceful end(s), " << s.graceful
-                  << " graceful end(s), " << s.offs << " off, " << s.ons << " on again, " << s.failures
-                  << " failed start(s)" << (s.loops > 0 ? ", CRASH LOOP" : "") << "\n";
+            const Counts& s = entry.second;
+            out << "  session " << entry.first << ": " << s.starts << " agent start(s), " << s.restarts
+                << " restart(s), " << s.crashes << " ungraceful end(s), " << s.graceful
+                << " graceful end(s), " << s.offs << " off, " << s.ons << " on again, " << s.failures
+                << " failed start(s)" << (s.loops > 0 ? ", CRASH LOOP" : "") << "\n";
         }
     }
 
     size_t Lines() const { return m_lines; }
 
 private:
-    // One timeline entry; session -1 for a process's own event.
-    void Say(const std::string& time, unsigned long pid, const std::string& what, long long session) {
-        if (m_session >= 0 && session != m_session) {
+    Entry Make(long long seconds, unsigned long pid, long long session, const char* event,
+               const std::string& text) {
+        Entry e;
+        e.seconds = seconds;
+        e.pid = pid;
+        e.session = session;
+        e.event = event;
+        e.text = text;
+        return e;
+    }
+
+    // Restarts of a session in a row, each soon after the last with the same exit code, are held
+    // back and told as one crash loop when there are enough of them.
+    void Put(Entry e) {
+        e.seq = m_seq++;
+        if (e.session >= 0 && e.event == "agent_restarted") {
+            std::vector<Entry>& run = m_runs[e.session];
+            if (!run.empty() &&
+                (run.back().exitCode != e.exitCode || e.seconds - run.back().seconds > CRASH_LOOP_SECONDS)) {
+                FlushRun(e.session);
+            }
+            run.push_back(e);
             return;
         }
-        m_out << (time.empty() ? std::string(24, ' ') : time) << "  ";
-        m_out << (pid != 0 ? "[" + std::to_string(pid) + "] " : std::string());
-        m_out << (session >= 0 ? "session " + std::to_string(session) + ": " : std::string()) << what << "\n";
+        if (e.session >= 0) {
+            FlushRun(e.session);
+        }
+        m_entries.push_back(e);
     }
 
-    void Unattributed(unsigned long pid, const Exit& exit) {
-        ++m_unattributed;
-        Say(exit.time, pid,
-            "an agent ended, exit code " + std::to_string(exit.code) + " (" + ExitMeaning(exit.code) +
-                "); the log does not tell in which session",
-            m_session >= 0 ? m_session : -1);
+    void FlushRun(long long session) {
+        std::vector<Entry>& run = m_runs[session];
+        if (run.size() >= CRASH_LOOP_RESTARTS) {
+            ++m_counts[session].loops;
+            const unsigned long code = static_cast<unsigned long>(run.front().exitCode);
+            Entry loop = Make(run.front().seconds, run.front().pid, session, "crash_loop",
+                              "CRASH LOOP: restarted " + std::to_string(run.size()) + " times " +
+                                  FormatTime(run.front().seconds).substr(11) + "-" +
+                                  FormatTime(run.back().seconds).substr(11) + ", exit " + ExitName(code));
+            loop.seq = run.front().seq;
+            loop.exitCode = run.front().exitCode;
+            loop.count = static_cast<long long>(run.size());
+            loop.until = run.back().seconds;
+            m_entries.push_back(loop);
+        }
+        if (run.size() < CRASH_LOOP_RESTARTS || m_bJson) {
+            m_entries.insert(m_entries.end(), run.begin(), run.end());
+        }
+        run.clear();
     }
 
-    // The oldest exit of this process not yet attributed; the exit line names a handle, not a
-    // session, so the next line of the same process that names a session tells whose it was.
-    bool TakeExit(unsigned long pid, Exit& exit) {
-        auto it = m_pending.find(pid);
-        if (it == m_pending.end() || it->second.empty()) {
+    void Unattributed(unsigned long pid, Work& work) {
+        for (const Exit& exit : work.pending) {
+            ++m_unattributed;
+            Entry e = Make(
+                exit.seconds, pid, -1, "agent_exit_unattributed",
+                "an agent ended, exit " + ExitName(exit.code) + "; the log does not tell in which session");
+            e.exitCode = exit.code;
+            Put(e);
+        }
+        work.pending.clear();
+    }
+
+    Entry Ended(const Exit& exit, unsigned long pid, long long session, const char* event,
+                const std::string& what) {
+        Entry e =
+            Make(exit.seconds, pid, session, event,
+                 "agent ended, exit " + ExitName(exit.code) + (exit.graceful ? " (graceful)" : "") + what);
+        e.exitCode = exit.code;
+        return e;
+    }
+
+    bool TakeExit(Work& work, Exit& exit) {
+        if (work.pending.empty()) {
             return false;
         }
-        exit = it->second.front();
-        it->second.pop_front();
+        exit = work.pending.front();
+        work.pending.pop_front();
         return true;
     }
 
-    void Restarted(const Line& line, long long id, Session& s) {
-        ++s.restarts;
-        s.recentRestarts.push_back(line.seconds);
-        while (s.recentRestarts.size() > CRASH_LOOP_RESTARTS ||
-               line.seconds - s.recentRestarts.front() > CRASH_LOOP_SECONDS) {
-            s.recentRestarts.pop_front();
+    void Error(const Line& line, Work& work, ProcessLog& process) {
+        const std::string& msg = line.message;
+        const std::string before = work.lastError;
+        work.lastError = msg;
+        ++m_errors;
+        m_state.recentErrors.push_back(FormatTime(line.seconds) + " [" + std::to_string(line.pid) + "] " +
+                                       Escape(msg));
+        if (m_state.recentErrors.size() > RECENT_ERRORS) {
+            m_state.recentErrors.erase(m_state.recentErrors.begin());
         }
-        // Flagged once as it begins; it lasts while every restart has the last few within the window.
-        const bool bLoop = s.recentRestarts.size() == CRASH_LOOP_RESTARTS;
-        const bool bBegins = bLoop && !s.bInLoop;
-        s.bInLoop = bLoop;
-        if (bBegins) {
-            ++s.loops;
-            Say(line.time, line.pid,
-                "CRASH LOOP: restarted " + std::to_string(CRASH_LOOP_RESTARTS) + " times within " +
-                    std::to_string(CRASH_LOOP_SECONDS) + " s",
-                id);
+        long long n = 0, lost = 0;
+        std::string meaning;
+        for (const char* key : {"GetLastError=", "Err=", "err=", "error="}) {
+            if (meaning.empty() && NumberAfter(msg, key, n) && !Win32Meaning(n).empty()) {
+                meaning = " (" + std::to_string(n) + ": " + Win32Meaning(n) + ")";
+            }
         }
+        if (std::sscanf(msg.c_str(), "%lld log lines lost", &lost) == 1) {
+            m_lostLines += static_cast<size_t>(lost);
+            Entry e = Make(line.seconds, line.pid, -1, "log_gap",
+                           "LOG GAP: " + std::to_string(lost) +
+                               " line(s) of this process could not be written before this point" + meaning);
+            e.count = lost;
+            e.message = msg;
+            Put(e);
+            return;
+        }
+        if (msg.find("Install was deleted and created again") != std::string::npos) {
+            Put(Make(
+                line.seconds, line.pid, -1, "gate_reinstall",
+                "start gate: the install key was deleted and created again (a reinstall); watched again"));
+            return;
+        }
+        // A failed start and a shell check name the session whose agent was not started.
+        const long long id =
+            NumberAfter(msg, "failed session ID = ", n) || NumberAfter(msg, " of session ", n) ? n : -1;
+        if (msg.find("failed session ID = ") != std::string::npos) {
+            ++m_counts[id].failures;
+            SessionLog& s = process.sessions[id];
+            s.eState = SessionLog::START_FAILED;
+            s.since = line.seconds;
+            s.why = Escape(before);
+        }
+        Entry e = Make(line.seconds, line.pid, id, "error", "ERROR " + Escape(msg) + meaning);
+        e.message = msg;
+        Put(e);
     }
 
     void Handle(const Line& line) {
         const std::string& msg = line.message;
-        long long n = 0;
-        if (line.error) {
-            ++m_errors;
-            std::string meaning;
-            for (const char* key : {"GetLastError=", "Err=", "err=", "error="}) {
-                if (meaning.empty() && NumberAfter(msg, key, n) && !Win32Meaning(n).empty()) {
-                    meaning = " (" + std::to_string(n) + ": " + Win32Meaning(n) + ")";
-                }
-            }
-            long long lost = 0;
-            if (std::sscanf(msg.c_str(), "%lld log lines lost: the log could not be written, last error=%lld",
-                            &lost, &n) == 2) {
-                m_lostLines += static_cast<size_t>(lost);
-                Say(line.time, line.pid,
-                    "LOG GAP: " + std::to_string(lost) +
-                        " line(s) of this process could not be written before "
-                        "this point" +
-                        meaning,
-                    -1);
-                return;
-            }
-            if (msg.find("Install was deleted and created again") != std::string::npos) {
-                Say(line.time, line.pid,
-                    "start gate: the install key was deleted and created again (a reinstall); watched again",
-                    -1);
-                return;
-            }
-            // A failed start and a shell check name the session whose agent was not started.
-            const long long id =
-                NumberAfter(msg, "failed session ID = ", n) || NumberAfter(msg, " of session ", n) ? n : -1;
-            if (id >= 0) {
-                ++m_sessions[id].failures;
-            }
-            Say(line.time, line.pid, "ERROR " + msg + meaning, m_session >= 0 ? id : -1);
+        if (msg == "Start Watch Dog") {
+            Unattributed(line.pid, m_work[line.pid]);
+            m_work[line.pid] = Work();
+            m_state.processes[line.pid] = ProcessLog();
+            m_state.processes[line.pid].started = line.seconds;
             return;
         }
+        Work& work = m_work[line.pid];
+        ProcessLog& process = m_state.processes[line.pid];
+        if (line.error) {
+            Error(line, work, process);
+            return;
+        }
+        long long n = 0;
         if (NumberAfter(msg, "Newly created process id=", n)) {
-            m_newPid[line.pid] = static_cast<unsigned long>(n);
+            work.newPid = static_cast<unsigned long>(n);
         } else if (msg.rfind("Session agent exits, graceful=", 0) == 0) {
             long long code = 0;
             NumberAfter(msg, "exitcode=", code);
-            m_pending[line.pid].push_back({line.time, static_cast<unsigned long>(code), msg[30] == '1'});
+            work.pending.push_back({line.seconds, static_cast<unsigned long>(code), msg[30] == '1'});
         } else if (NumberAfter(msg, " Create Session Agent successfully session ID = ", n)) {
-            Session& s = m_sessions[n];
-            ++s.starts;
-            const std::string pid = " (pid " + std::to_string(m_newPid[line.pid]) + ")";
-            Exit exit;
-            if (TakeExit(line.pid, exit)) {
-                ++s.crashes;
-                Say(exit.time, line.pid,
-                    "agent ended, exit code " + std::to_string(exit.code) + " (" + ExitMeaning(exit.code) +
-                        "); restarted" + pid,
-                    n);
-                Restarted(line, n, s);
-            } else {
-                Say(line.time, line.pid, "agent started" + pid, n);
-            }
+            Started(line, n, work, process.sessions[n]);
         } else if (NumberAfter(msg, "session (", n) && msg.find(") is off.") != std::string::npos) {
-            Session& s = m_sessions[n];
-            ++s.offs;
-            Exit exit;
-            if (TakeExit(line.pid, exit)) {
-                ++(exit.graceful ? s.graceful : s.crashes);
-                Say(exit.time, line.pid,
-                    "agent ended, exit code " + std::to_string(exit.code) + " (" + ExitMeaning(exit.code) +
-                        ")" + (exit.graceful ? "" : ", could not be restarted"),
-                    n);
-            }
-            Say(line.time, line.pid, "off: no agent until the user logs on again", n);
+            Off(line, n, work, process.sessions[n]);
         } else if (NumberAfter(msg, "session (", n) && msg.find(") is on again.") != std::string::npos) {
-            ++m_sessions[n].ons;
-            Say(line.time, line.pid, "on again: registered with a new shell", n);
+            ++m_counts[n].ons;
+            Put(Make(line.seconds, line.pid, n, "session_on", "on again: registered with a new shell"));
+        } else if (NumberAfter(msg, "Load SeAgntMaxNum=", n)) {
+            process.seAgntMaxNum = n;
         } else {
-            ProcessEvent(line);
+            ProcessEvent(line, work, process);
         }
     }
 
-    void ProcessEvent(const Line& line) {
-        static const std::map<std::string, std::string> s_events = {
-            {"Watch Dog started", "supervisor started"},
-            {"Wait for set start event.", "waits at its start gate (SetStartEvent)"},
-            {"Exit Reload User Session on Startup", "start gate passed; sessions registered"},
-            {"Enter WaitForMultipleObjects Main Loop", "serving: main loop"},
-            {"Session Reload!!", "request served: reload"},
-            {"Product Adapter Stop Event!!", "request served: stop (supervision stopped until a reload)"},
-            {"Product Adapter Terminate Event!!", "request served: terminate"},
-            {"Product Adapter Ombrine Crash Event!!", "the host process ended: final wait"},
-            {"Update Event!!", "request served: update (closes without stopping Keld)"},
-            {"Close Session Agent and Waiting Event!!", "request served: close agents and wait: final wait"},
-            {"event BREVANT_START_KELD_WITHOUT_UAC exists",
-             "hand-over: asks the waiting predecessor to start Keld"},
-            {"Start KELD service.", "starts the Keld service"},
-            {"event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done", "hand-over done"},
-            {"Watch Dog finished", "ended (exit code 0)"},
-            {"Product Adapter notifies Watch Dog to terminate.", "refused: a terminate request was pending"},
-            {"service notify terminate while installation.", "terminate request at the start gate"},
+    void Started(const Line& line, long long id, Work& work, SessionLog& s) {
+        Counts& counts = m_counts[id];
+        ++counts.starts;
+        s.eState = SessionLog::RUNNING;
+        s.agentPid = work.newPid;
+        s.since = line.seconds;
+        const std::string pid = " (pid " + std::to_string(work.newPid) + ")";
+        Exit exit;
+        if (!TakeExit(work, exit)) {
+            Entry e = Make(line.seconds, line.pid, id, "agent_started", "agent started" + pid);
+            e.agentPid = work.newPid;
+            Put(e);
+            return;
+        }
+        ++counts.crashes;
+        ++counts.restarts;
+        s.restarts.push_back(line.seconds);
+        Entry e = Ended(exit, line.pid, id, "agent_restarted", "; restarted" + pid);
+        e.agentPid = work.newPid;
+        Put(e);
+    }
+
+    void Off(const Line& line, long long id, Work& work, SessionLog& s) {
+        Counts& counts = m_counts[id];
+        ++counts.offs;
+        Exit exit;
+        if (TakeExit(work, exit)) {
+            ++(exit.graceful ? counts.graceful : counts.crashes);
+            s.exitCode = exit.code;
+            s.since = exit.seconds;
+            s.eState = exit.graceful ? SessionLog::GRACEFUL_END : SessionLog::RESTART_FAILED;
+            Put(Ended(exit, line.pid, id, exit.graceful ? "agent_ended" : "agent_restart_failed",
+                      exit.graceful ? "" : ", could not be restarted" + (s.why.empty() ? "" : ": " + s.why)));
+        }
+        Put(Make(line.seconds, line.pid, id, "session_off", "off: no agent until the user logs on again"));
+    }
+
+    // A request or the host's end that ends supervision: running agents are no longer restarted.
+    void SupervisionEnds(const Line& line, ProcessLog& process, const std::string& cause) {
+        for (auto& entry : process.sessions) {
+            SessionLog& s = entry.second;
+            if (s.eState == SessionLog::RUNNING) {
+                s.eState = SessionLog::SUPERVISION_ENDED;
+                s.since = line.seconds;
+                s.why = cause;
+                Entry e = Make(line.seconds, line.pid, entry.first, "supervision_ended",
+                               "loses its agent (pid " + std::to_string(s.agentPid) + "): " + cause +
+                                   "; it is not restarted");
+                e.agentPid = s.agentPid;
+                Put(e);
+            }
+        }
+    }
+
+    void ProcessEvent(const Line& line, Work& work, ProcessLog& process) {
+        struct Event {
+            const char* message;
+            const char* event;
+            const char* text;
+            const char* ends;  // the cause, when supervision ends with it
+        };
+        static const Event s_events[] = {
+            {"Watch Dog started", "supervisor_started", "supervisor started", nullptr},
+            {"Wait for set start event.", "gate", "waits at its start gate (SetStartEvent)", nullptr},
+            {"Exit Reload User Session on Startup", "gate_passed", "start gate passed; sessions registered",
+             nullptr},
+            {"Enter WaitForMultipleObjects Main Loop", "serving", "serving: main loop", nullptr},
+            {"Session Reload!!", "request_reload", "request served: reload", nullptr},
+            {"Product Adapter Stop Event!!", "request_stop",
+             "request served: stop (supervision stopped until a reload)", "a stop request"},
+            {"Product Adapter Terminate Event!!", "request_terminate", "request served: terminate",
+             "a terminate request"},
+            {"Product Adapter Ombrine Crash Event!!", "host_ended", "the host process ended: final wait",
+             "the host process's end"},
+            {"Update Event!!", "request_update", "request served: update (closes without stopping Keld)",
+             nullptr},
+            {"Close Session Agent and Waiting Event!!", "request_close_and_wait",
+             "request served: close agents and wait: final wait", "a close-agents-and-wait request"},
+            {"event BREVANT_START_KELD_WITHOUT_UAC exists", "hand_over",
+             "hand-over: asks the waiting predecessor to start Keld", nullptr},
+            {"Start KELD service.", "keld_start_asked",
+             "asks the service control manager to start Keld (the log records no result)", nullptr},
+            {"KELD service is running.", "keld_running", "Keld already runs: not started again", nullptr},
+            {"event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done", "hand_over_done",
+             "hand-over done", nullptr},
+            {"Watch Dog finished", "ended", "ended (exit code 0)", nullptr},
+            {"Product Adapter notifies Watch Dog to terminate.", "refused",
+             "refused: a terminate request was pending", nullptr},
+            {"service notify terminate while installation.", "gate_terminate",
+             "terminate request at the start gate", nullptr},
         };
         const std::string& msg = line.message;
         long long n = 0;
-        if (msg == "Watch Dog started") {
-            ++m_supervisors;
-        }
         if (msg == "Watch Dog started by runkey") {
-            m_runKeyStart[line.pid] = line.time;
-        } else if (NumberAfter(msg, "Exit Watch Dog From Run Key. nRet=", n)) {
+            process.bRunKey = true;
+            work.runKeyStart = line.seconds;
+            return;
+        }
+        if (NumberAfter(msg, "Exit Watch Dog From Run Key. nRet=", n)) {
             ++m_runKeys;
-            Say(m_runKeyStart.count(line.pid) ? m_runKeyStart[line.pid] : line.time, line.pid,
-                n == 0 ? "run-key instance: asked the supervisor to reload"
-                       : "run-key instance: no supervisor to notify (exit code -1)",
-                -1);
-        } else if (s_events.count(msg) != 0) {
-            Say(line.time, line.pid, s_events.at(msg), -1);
+            Put(Make(work.runKeyStart >= 0 ? work.runKeyStart : line.seconds, line.pid, -1, "run_key",
+                     n == 0 ? "run-key instance: asked the supervisor to reload"
+                            : "run-key instance: no supervisor to notify (exit code -1)"));
+            return;
+        }
+        for (const Event& event : s_events) {
+            if (msg != event.message) {
+                continue;
+            }
+            m_supervisors += msg == "Watch Dog started" ? 1 : 0;
+            process.bHandOver = msg == "event BREVANT_START_KELD_WITHOUT_UAC exists" ||
+                                (process.bHandOver && event.event != std::string("hand_over_done"));
+            process.bKeldAsked =
+                process.bKeldAsked || msg == "Start KELD service." || msg == "KELD service is running.";
+            process.bFinished = process.bFinished || msg == "Watch Dog finished";
+            process.lastEvent = msg;
+            Put(Make(line.seconds, line.pid, -1, event.event, event.text));
+            if (event.ends != nullptr) {
+                SupervisionEnds(line, process, event.ends);
+            }
+            return;
         }
     }
 
-    std::ostream& m_out;
-    long long m_since;
-    long long m_session;
+    LogState& m_state;
+    bool m_bJson;
+    size_t m_seq = 0;
+    long long m_lastSeconds = 0;
     size_t m_lines = 0, m_malformed = 0, m_errors = 0, m_supervisors = 0, m_runKeys = 0, m_unattributed = 0,
            m_lostLines = 0;
-    std::map<long long, Session> m_sessions;
-    std::map<unsigned long, std::deque<Exit>> m_pending;
-    std::map<unsigned long, unsigned long> m_newPid;
-    std::map<unsigned long, std::string> m_runKeyStart;
+    std::map<long long, Counts> m_counts;
+    std::map<unsigned long, Work> m_work;
+    std::map<long long, std::vector<Entry>> m_runs;
+    std::vector<Entry> m_entries;
+};
+
+struct Options {
+    std::vector<std::string> files;
+    long long since = -1, until = -1, session = -1;
+    bool bJson = false, bFollow = false;
+};
+
+void Print(std::ostream& out, const Entry& e, const Options& o) {
+    if ((o.since >= 0 && e.seconds < o.since) || (o.until >= 0 && e.seconds > o.until)) {
+        return;
+    }
+    // Narrowed to one session: its own entries and the processes' events that explain its gaps.
+    if (o.session >= 0 && (e.session >= 0 ? e.session != o.session : e.event == "agent_exit_unattributed")) {
+        return;
+    }
+    if (!o.bJson) {
+        out << (e.bTimed ? FormatTime(e.seconds) : std::string(19, ' ')) << "  "
+            << (e.pid != 0 ? "[" + std::to_string(e.pid) + "] " : std::string())
+            << (e.session >= 0 ? "session " + std::to_string(e.session) + ": " : std::string()) << e.text
+            << "\n";
+        return;
+    }
+    out << "{\"time\":" << (e.bTimed ? Json(FormatTime(e.seconds, true)) : "null")
+        << ",\"event\":" << Json(e.event);
+    if (e.pid != 0) {
+        out << ",\"pid\":" << e.pid;
+    }
+    if (e.session >= 0) {
+        out << ",\"session\":" << e.session;
+    }
+    if (e.exitCode >= 0) {
+        const unsigned long code = static_cast<unsigned long>(e.exitCode);
+        out << ",\"exit_code\":" << code << ",\"exit_hex\":" << Json(Hex(code))
+            << ",\"exit_name\":" << Json(ExitWord(code))
+            << ",\"graceful\":" << (IsGraceful(code) ? "true" : "false");
+    }
+    if (e.agentPid != 0) {
+        out << ",\"agent_pid\":" << e.agentPid;
+    }
+    if (e.count >= 0) {
+        out << ",\"count\":" << e.count;
+    }
+    if (e.until >= 0) {
+        out << ",\"until\":" << Json(FormatTime(e.until, true));
+    }
+    out << ",\"text\":" << Json(e.text);
+    if (!e.message.empty()) {
+        out << ",\"message\":" << Json(e.message);
+    }
+    out << "}\n";
+}
+
+int Usage(std::ostream& out, int code) {
+    out << "usage: log [FILE...] [--session N] [--since TIME] [--until TIME] [--json] [--follow|-f]\n"
+           "  TIME: 2026-11-23T11:29:55 (or with a space, a date alone, an offset such as +01:00),\n"
+           "        \"Mon Nov 23 11:29:55 2026\" (the log's form), -30s, -10m, -1h, -2d, today, yesterday\n";
+    return code;
+}
+
+// Parses the options; -1 when they are right, else the exit code.
+int ParseOptions(const std::vector<std::string>& args, Options& o, std::ostream& out, std::ostream& err) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "--help" || arg == "-h") {
+            return Usage(out, 0);
+        }
+        if (arg == "--json" || arg == "--follow" || arg == "-f") {
+            (arg == "--json" ? o.bJson : o.bFollow) = true;
+            continue;
+        }
+        if (arg != "--session" && arg != "--since" && arg != "--until") {
+            if (arg.size() > 1 && arg[0] == '-') {
+                err << "log: unknown option " << Escape(arg) << "\n";
+                return Usage(err, 2);
+            }
+            o.files.push_back(arg);
+            continue;
+        }
+        if (i + 1 == args.size()) {
+            err << "log: " << arg << " needs a value\n";
+            return Usage(err, 2);
+        }
+        const std::string& value = args[++i];
+        long long& target = arg == "--session" ? o.session : arg == "--since" ? o.since : o.until;
+        target =
+            arg != "--session" ? ParseTime(value)
+            : value.empty() || value.size() > 9 || value.find_first_not_of("0123456789") != std::string::npos
+                ? -1
+                : std::stoll(value);
+        if (target < 0) {
+            err << "log: " << arg << " " << Escape(value) << " is not a "
+                << (arg == "--session" ? "session id" : "time") << "\n";
+            return Usage(err, 2);
+        }
+    }
+    return -1;
+}
+
+// The first time stamp of a file's lines; a file without one sorts last.
+long long FirstTime(const std::vector<std::string>& lines) {
+    Line line;
+    std::string why;
+    for (const std::string& text : lines) {
+        if (ParseLine(text, line, why)) {
+            return line.seconds;
+        }
+    }
+    return -1;
+}
+
+// Follows the growing log as tail -F does: lines appended, a cut (the file deleted or renamed and
+// a new one begun: its start differs from what was read) read from the start of the new file.
+class CFollower {
+public:
+    explicit CFollower(const std::string& path) : m_path(path) {}
+
+    template <class TAdd>
+    void Read(TAdd add) {
+        std::ifstream in(std::filesystem::u8path(m_path), std::ios::binary);
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (text.size() < m_offset || text.compare(0, m_head.size(), m_head) != 0) {
+            add("== " + m_path + " was cut: reading the new file from its start", false);
+            m_offset = 0;
+            m_partial.clear();
+        }
+        m_partial += text.substr(m_offset);
+        m_offset = text.size();
+        m_head = text.substr(0, std::min<size_t>(text.size(), 64));
+        size_t start = 0;
+        for (size_t end = m_partial.find('\n'); end != std::string::npos; end = m_partial.find('\n', start)) {
+            add(m_partial.substr(start, end - start - (end > start && m_partial[end - 1] == '\r' ? 1 : 0)),
+                true);
+            start = end + 1;
+        }
+        m_partial.erase(0, start);
+    }
+
+private:
+    std::string m_path, m_head, m_partial;
+    size_t m_offset = 0;
 };
 
 }  // namespace
+
+std::string ExitName(unsigned long code) {
+    const std::string word = ExitWord(code);
+    return Hex(code) + (word.empty() ? "" : " " + word);
+}
 
 std::string Win32Meaning(long long code) {
     static const std::map<long long, std::string> s_meanings = {
@@ -370,59 +651,113 @@ std::string Win32Meaning(long long code) {
     return it != s_meanings.end() ? it->second : std::string();
 }
 
-int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, std::ostream& out,
-           std::ostream& err) {
-    std::vector<std::string> files;
-    long long since = -1, session = -1;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if ((args[i] == "--session" || args[i] == "--since") && i + 1 < args.size()) {
-            const std::string& value = args[++i];
-            if (args[i - 1] == "--since" ? (since = ParseSince(value)) < 0
-                                         : value.find_first_not_of("0123456789") != std::string::npos) {
-                err << "log: " << args[i - 1] << " " << value << " is not a "
-                    << (args[i - 1] == "--since" ? "time (YYYY-MM-DD HH:MM:SS)" : "session id") << "\n";
-                return 2;
-            }
-            session = args[i - 1] == "--session" ? std::stoll(value) : session;
-        } else if (args[i].rfind("--", 0) == 0) {
-            err << "log: unknown option " << args[i] << "\n";
-            return 2;
-        } else {
-            files.push_back(args[i]);
-        }
-    }
-    if (files.empty()) {
-        files.push_back(defaultLog);
-    }
-    CTimeline timeline(out, since, session);
-    int result = 0;
+bool ReadLogState(const std::vector<std::string>& files, LogState& state, std::string& why) {
+    CTimeline timeline(state, false);
     for (const std::string& file : files) {
-        std::ifstream in(std::filesystem::u8path(file), std::ios::binary);
-        if (!in) {
-            err << "log: cannot read " << file << "\n";
+        std::vector<std::string> lines;
+        if (!ReadLines(file, lines, why)) {
+            why = file + " " + why;
+            return false;
+        }
+        for (size_t i = 0; i < lines.size(); ++i) {
+            timeline.Add(file, i + 1, lines[i]);
+        }
+    }
+    return true;
+}
+
+int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, std::ostream& out,
+           std::ostream& err, const std::function<bool()>& keepFollowing) {
+    Options o;
+    const int code = ParseOptions(args, o, out, err);
+    if (code >= 0) {
+        return code;
+    }
+    const bool bGiven = !o.files.empty();
+    if (!bGiven) {
+        o.files = LogAndRotated(defaultLog);
+    }
+    std::vector<std::pair<long long, std::string>> inputs;
+    std::vector<std::vector<std::string>> contents;
+    for (const std::string& file : o.files) {
+        std::vector<std::string> lines;
+        std::string why;
+        if (!ReadLines(file, lines, why)) {
+            err << "log: " << file << " " << why << "\n";
             return 2;
         }
-        out << "== " << file << "\n";
-        const size_t before = timeline.Lines();
-        size_t number = 0;
-        std::string text;
-        while (std::getline(in, text)) {
-            ++number;
-            if (!text.empty() && text.back() == '\r') {
-                text.pop_back();
-            }
-            timeline.Add(file, number, text);
+        inputs.emplace_back(FirstTime(lines), file);
+        contents.push_back(lines);
+    }
+    // Files given in any order are read oldest first, one without a time stamp after the others;
+    // the log and its rotated files in the order of the rotation.
+    std::vector<size_t> order(inputs.size());
+    for (size_t i = 0; i < order.size(); ++i) {
+        order[i] = i;
+    }
+    const auto first = [&inputs](size_t i) { return inputs[i].first < 0 ? LLONG_MAX : inputs[i].first; };
+    if (bGiven) {
+        std::stable_sort(order.begin(), order.end(),
+                         [&first](size_t a, size_t b) { return first(a) < first(b); });
+    }
+    if (!std::is_sorted(order.begin(), order.end())) {
+        err << "log: files read in the order of their first time stamp, not as given\n";
+    }
+    LogState state;
+    CTimeline timeline(state, o.bJson);
+    int result = 0;
+    for (const size_t i : order) {
+        const std::string& file = inputs[i].second;
+        if (!o.bJson) {
+            out << "== " << file << (contents[i].empty() ? "\n(empty)\n" : "\n");
         }
-        if (number == 0) {
-            out << "(empty)\n";
-        } else if (timeline.Lines() == before) {
-            err << "log: " << file << " is not a watchdog log: none of its " << number
-                << " lines has the log's form\n";
+        if (o.bFollow && i == order.back()) {
+            break;  // the follower reads it, from its start
+        }
+        const size_t before = timeline.Lines();
+        for (size_t k = 0; k < contents[i].size(); ++k) {
+            timeline.Add(file, k + 1, contents[i][k]);
+        }
+        if (timeline.Lines() == before) {
+            err << "log: " << file
+                << (contents[i].empty()
+                        ? " is empty"
+                        : " is not a watchdog log: none of its " + std::to_string(contents[i].size()) +
+                              " lines has the log's form")
+                << "\n";
             result = 1;
         }
     }
-    timeline.Finish();
-    timeline.Summary();
+    if (o.bFollow) {
+        // The watch begins before the first read, so nothing written meanwhile is missed.
+        const std::string path = inputs[order.back()].second;
+        CFileWatch watch(std::filesystem::u8path(path).parent_path().u8string());
+        CFollower follower(path);
+        size_t number = 0;
+        const auto add = [&](const std::string& text, bool bLine) {
+            if (bLine) {
+                timeline.Add(path, ++number, text);
+            } else {
+                number = 0;
+                err << "log: " << text << "\n";
+            }
+        };
+        do {
+            follower.Read(add);
+            timeline.Flush(false);
+            for (const Entry& e : timeline.Take()) {
+                Print(out, e, o);
+            }
+            out.flush();
+        } while ((!keepFollowing || keepFollowing()) && watch.Wait());
+    }
+    timeline.Flush(true);
+    for (const Entry& e : timeline.Take()) {
+        Print(out, e, o);
+    }
+    if (!o.bJson) {
+        timeline.Summary(out, o.session);
+    }
     return result;
 }
 

@@ -1,19 +1,62 @@
 #pragma once
 
+#include <functional>
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace QoWatchCtl {
 
-// "log [FILE...] [--session N] [--since TIME]": the watchdog's log told as a timeline, with a
-// summary. Files are read in the order given (rotated files first); without files, defaultLog.
-// TIME is "YYYY-MM-DD HH:MM:SS" (or with a T) in the log's local time. Returns 0, 1 when an input
-// holds no log line at all, 2 for a usage error or a file that cannot be read. Portable C++17.
+// "log [FILE...] [--session N] [--since TIME] [--until TIME] [--json] [--follow]": the watchdog's log
+// told as a timeline, with a summary, or as JSON Lines. Without files, defaultLog and the files
+// rotated beside it; files are read in the order of their first time stamp. Returns 0, 1 when an
+// input holds no log line at all, 2 for a usage error or an input that cannot be read. Following
+// goes on while keepFollowing (when given) returns true after each read. Portable C++17.
 int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, std::ostream& out,
-           std::ostream& err);
+           std::ostream& err, const std::function<bool()>& keepFollowing = {});
 
 // The meaning of a Win32 error code as the log reports it; empty when unknown.
 std::string Win32Meaning(long long code);
+
+// An exit code in hex with its name: "0xC0000005 access violation", "0x1".
+std::string ExitName(unsigned long code);
+
+// A session as the log of one supervisor tells it.
+struct SessionLog {
+    enum EState { UNKNOWN, RUNNING, GRACEFUL_END, RESTART_FAILED, START_FAILED, SUPERVISION_ENDED };
+    EState eState = UNKNOWN;
+    unsigned long agentPid = 0;
+    long long since = 0;              // when the state began
+    unsigned long exitCode = 0;       // of the agent's last end
+    std::string why;                  // the error or request that ended its agent
+    std::vector<long long> restarts;  // their times
+};
+
+// One process of the log since its "Start Watch Dog" (a process id may be used again later).
+struct ProcessLog {
+    long long started = 0;
+    bool bRunKey = false;
+    bool bRefused = false;        // another instance ran, or the start failed
+    bool bFinished = false;       // "Watch Dog finished"
+    bool bHandOver = false;       // waits for a predecessor in its final wait to end
+    bool bKeldAsked = false;      // in its final wait, asked to start Keld
+    long long seAgntMaxNum = -1;  // as it loaded it, once
+    std::string lastEvent;        // its last line of the main loop's or the shutdown's
+    std::map<long long, SessionLog> sessions;
+};
+
+struct LogState {
+    std::map<unsigned long, ProcessLog> processes;
+    std::vector<std::string> recentErrors;  // the last [ERROR] lines, as "time [pid] message"
+};
+
+// Reads files (oldest first) into state; false, with why, when one cannot be read.
+bool ReadLogState(const std::vector<std::string>& files, LogState& state, std::string& why);
+
+// How often a session may be restarted, each within this many seconds of the last, before it is
+// called a crash loop.
+const size_t CRASH_LOOP_RESTARTS = 5;
+const long long CRASH_LOOP_SECONDS = 60;
 
 }  // namespace QoWatchCtl

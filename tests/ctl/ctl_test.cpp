@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "ctl/LogTimeline.h"
@@ -24,21 +25,29 @@ struct Result {
     std::string out;
 };
 
-Result Timeline(const std::vector<std::string>& contents, std::vector<std::string> options = {}) {
-    // A directory of this run's own: another user's or run's files may stand in the temporary one.
-    static const auto s_dir =
-        std::filesystem::temp_directory_path() /
-        ("qoctl-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
-    std::filesystem::create_directories(s_dir);
+// Writes the files (named name0, name1, ... or as given) into a folder of this run's own and reads
+// them: given as arguments, or, with no names of their own, as the log beside its rotated files.
+Result Timeline(const std::vector<std::string>& contents, std::vector<std::string> options = {},
+                const std::vector<std::string>& names = {},
+                const std::function<bool(const std::filesystem::path&)>& follow = {}) {
+    static int s_run = 0;
+    const auto dir = std::filesystem::temp_directory_path() /
+                     ("qoctl-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) +
+                      "-" + std::to_string(++s_run));
+    std::filesystem::create_directories(dir);
     std::vector<std::string> args;
     for (size_t i = 0; i < contents.size(); ++i) {
-        const auto path = s_dir / ("qoctl-" + std::to_string(i) + ".log");
+        const auto path = dir / (names.empty() ? "qoctl-" + std::to_string(i) + ".log" : names[i]);
         std::ofstream(path, std::ios::binary) << contents[i];
-        args.push_back(path.string());
+        if (names.empty()) {
+            args.push_back(path.string());
+        }
     }
     args.insert(args.end(), options.begin(), options.end());
     std::ostringstream out;
-    const int code = QoWatchCtl::RunLog(args, "missing.log", out, out);
+    const auto log = dir / "QoWatchDog.log";
+    const int code = QoWatchCtl::RunLog(
+        args, log.string(), out, out, follow ? std::function<bool()>([&] { return follow(log); }) : nullptr);
     return {code, out.str()};
 }
 
@@ -82,69 +91,118 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
             L(2, 0, 10, " Create Session Agent failed session ID = 3", true) +
             L(2, 0, 10, "session (3) is off.") + L(2, 0, 10, "Session Agent re-create failed", true) +
             Exit(2, 5, 10, 1, "0") + L(2, 9, 10, "Product Adapter Terminate Event!!") +
-            L(2, 9, 10, "Watch Dog finished");
+            L(2, 9, 10, "Watch Dog finished") +
+            // The process id used again: the earlier exit stays unattributed, the start is a start.
+            L(3, 0, 10, "Start Watch Dog") + L(3, 0, 10, "Watch Dog started") + Started(3, 1, 10, 50, 4);
     const Result run = Timeline({life});
     EXPECT_EQ(0, run.code);
     ExpectHas(
         run.out,
-        {"[10] supervisor started",
+        {"2026-11-16 20:00:00  [10] supervisor started\n",
          "[10] waits at its start gate",
          "[10] start gate: the install key was deleted and created again",
          "[10] LOG GAP: 3 line(s) of this process could not be written before this point (32: ",
          "[10] serving: main loop",
          "[10] session 1: agent started (pid 20)",
-         "session 1: agent ended, exit code 3221225477 (crash: access violation); restarted (pid 21)",
-         "session 1: agent ended, exit code 3221225794 (graceful: its DLLs failed to start",
+         "session 1: agent ended, exit 0xC0000005 access violation; restarted (pid 21)",
+         "session 1: agent ended, exit 0xC0000142 DLL initialization failed (the session is ending) "
+         "(graceful)",
          "session 1: off: no agent until the user logs on again",
          "[30] run-key instance: asked the supervisor",
          "session 1: on again",
          "ERROR OpenProcess Err=87 (87: the parameter is incorrect",
-         "session 3: CRASH LOOP: restarted 5 times within 60 s",
-         "session 3: agent ended, exit code 1 (ungraceful), could not be restarted",
+         "20:01:00  [10] session 3: CRASH LOOP: restarted 5 times 20:01:00-20:01:40, exit 0x1\n",
+         "session 3: agent ended, exit 0x1, could not be restarted: CreateProcessAsUser GetLastError=2",
          "ERROR CreateProcessAsUser GetLastError=2 (2: the file or key was not found)",
-         "the log does not tell in which session",
+         "20:02:05  [10] an agent ended, exit 0x0 normal end; the log does not tell in which session",
          "request served: terminate",
+         "session 1: loses its agent (pid 22): a terminate request; it is not restarted",
          "ended (exit code 0)",
-         "1 supervisor start(s), 1 run-key instance(s), 7 error(s), 1 agent exit(s) not attributed to a "
+         "20:03:01  [10] session 4: agent started (pid 50)",
+         "2 supervisor start(s), 1 run-key instance(s), 7 error(s), 1 agent exit(s) not attributed to a "
          "session, 3 line(s) the watchdog could not write",
          "session 1: 3 agent start(s), 1 restart(s), 1 ungraceful end(s), 1 graceful end(s), 1 off, 1 "
          "on again",
-         "session 2: 0 agent start(s), 0 restart(s), 0 ungraceful end(s), 0 graceful end(s), 0 off, 0 "
-         "on again, "
-         "1 failed start(s)",
          "session 3: 5 agent start(s), 5 restart(s), 6 ungraceful end(s), 0 graceful end(s), 1 off, 0 "
-         "on again, "
-         "1 failed start(s), CRASH LOOP"});
-    EXPECT_EQ(run.out.find("CRASH LOOP:"), run.out.rfind("CRASH LOOP:")) << "flagged once";
+         "on again, 1 failed start(s), CRASH LOOP"});
+    EXPECT_EQ(std::string::npos, run.out.find("(pid 42)")) << "folded into the crash loop";
 
-    // Narrowed to session 3 from 20:01:30 on: its last restarts and its end, nothing of the others.
+    // Narrowed to session 3 from 20:01:30 on: its end and the supervisor's events, in time order;
+    // nothing of other sessions, no exit it cannot place.
     const Result narrow = Timeline({life}, {"--session", "3", "--since", "2026-11-16 20:01:30"});
-    ExpectHas(narrow.out, {"session 3: agent ended, exit code 1 (ungraceful); restarted (pid 44)",
-                           "could not be restarted"});
-    EXPECT_EQ(std::string::npos, narrow.out.find("session 1")) << narrow.out;
-    EXPECT_EQ(std::string::npos, narrow.out.find("(pid 42)")) << narrow.out;
-    EXPECT_EQ(std::string::npos, narrow.out.find("supervisor started")) << narrow.out;
+    ExpectHas(narrow.out, {"could not be restarted", "request served: terminate", "supervisor started"});
+    for (const char* absent : {"session 1", "(pid 44)", "does not tell", "20:01:00"}) {
+        EXPECT_EQ(std::string::npos, narrow.out.find(absent)) << absent << "\n" << narrow.out;
+    }
+    EXPECT_LT(narrow.out.find("could not be restarted"), narrow.out.find("request served: terminate"));
+
+    // JSON Lines for scripts: one event a line, every restart of the loop, times with their offset.
+    const Result json = Timeline({life}, {"--json", "--until", "Mon Nov 16 20:02:09 2026"});
+    ExpectHas(json.out,
+              {"{\"time\":\"2026-11-16T20:00:02",
+               "\"event\":\"agent_restarted\",\"pid\":10,\"session\":1,"
+               "\"exit_code\":3221225477,\"exit_hex\":\"0xC0000005\",\"exit_name\":\"access violation\","
+               "\"graceful\":false,\"agent_pid\":21,",
+               "\"event\":\"crash_loop\",\"pid\":10,\"session\":3,\"exit_code\":1,",
+               "\"count\":5,\"until\":\"2026-11-16T20:01:40", "\"agent_pid\":44,",
+               "\"event\":\"supervision_ended\""});
+    EXPECT_EQ(std::string::npos, json.out.find("session 4")) << "until 20:02:09";
+    std::istringstream lines(json.out);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line.front() == '{' && line.back() == '}') << line;
+    }
 }
 
 TEST(Timeline, DamagedInputIsReportedNeverDropped) {
-    // A rotated file first, then the current one; a torn line and an unknown message in between.
-    std::string torn = L(0, 0, 10, "Start Watch Dog").substr(0, 30) + "\r\n" + L(0, 0, 10, "x");
-    torn.replace(torn.rfind("Nov"), 3, "Nav");  // no such month
-    Result run = Timeline({L(0, 0, 10, "Watch Dog started") + torn + L(0, 1, 10, "Something new"),
-                           L(0, 2, 10, "Watch Dog finished")});
+    // A line cut short and glued to the next, a known message cut short, control bytes, an unknown
+    // message: each reported where it stands, none misread.
+    const std::string glued = L(0, 0, 10, "Session agent exits, graceful=0, ha");
+    const std::string damaged = L(0, 0, 10, "Watch Dog started") + glued.substr(0, glued.size() - 2) +
+                                L(0, 1, 10, "Start Watch Dog") + glued +
+                                L(0, 1, 10, "Odd \x1b[2J\x01 text", true) + L(0, 1, 10, "Something new");
+    Result run = Timeline({L(0, 2, 10, "Watch Dog finished"), damaged});
     EXPECT_EQ(0, run.code);
-    ExpectHas(run.out, {"MALFORMED", "qoctl-0.log:2: [Mon Nov 16 20:00:00 2026][10]\n", "supervisor started",
-                        "ended (exit code 0)", "Summary: 3 log lines, 2 malformed"});
-    EXPECT_LT(run.out.find("qoctl-0.log"), run.out.find("qoctl-1.log"));
+    ExpectHas(run.out, {"files read in the order of their first time stamp",
+                        "qoctl-1.log:2 (holds a second line's time stamp",
+                        "qoctl-1.log:3 (a known message with a field missing", "ERROR Odd \\x1B[2J\\x01 text",
+                        "supervisor started", "ended (exit code 0)", "Summary: 4 log lines, 2 malformed",
+                        "0 agent exit(s) not attributed"});
+    EXPECT_LT(run.out.find("qoctl-1.log"), run.out.find("qoctl-0.log"));
+    EXPECT_EQ(std::string::npos, run.out.find('\x1b'));
 
+    // A UTF-16 log is read by its byte order mark; a folder, an empty file and a text that is no log
+    // are refused; every option is checked.
+    std::string utf16 = "\xFF\xFE";
+    for (const char c : L(0, 0, 10, "Watch Dog started")) {
+        utf16 += std::string(1, c) + '\0';
+    }
+    run = Timeline({utf16});
+    EXPECT_EQ(0, run.code) << run.out;
+    ExpectHas(run.out, {"supervisor started", "Summary: 1 log lines, 0 malformed"});
     run = Timeline({"not a log\nat all\n", ""});
     EXPECT_EQ(1, run.code);
-    ExpectHas(run.out, {"is not a watchdog log: none of its 2 lines has the log's form", "(empty)"});
+    ExpectHas(run.out,
+              {"is not a watchdog log: none of its 2 lines has the log's form", "(empty)", "is empty"});
     EXPECT_EQ(2, Timeline({}).code) << "the default log is missing";
-    EXPECT_EQ(2, Timeline({""}, {"--since", "yesterday"}).code);
-    EXPECT_EQ(2, Timeline({""}, {"--session", "x"}).code);
-    EXPECT_EQ(2, Timeline({""}, {"--verbose"}).code);
-    EXPECT_EQ(2, Timeline({""}, {"--session"}).code) << "an option without its value";
+    const std::vector<std::vector<std::string>> wrong = {{"--since", "2026-13-45 99:99:99"},
+                                                         {"--until", "2026-02-30"},
+                                                         {"--session", "x"},
+                                                         {"--verbose"},
+                                                         {"--session"},
+                                                         {std::filesystem::temp_directory_path().string()}};
+    for (const auto& options : wrong) {
+        EXPECT_EQ(2, Timeline({""}, options).code) << options[0];
+    }
+    run = Timeline({}, {"--help"});
+    EXPECT_EQ(0, run.code);
+    ExpectHas(Timeline({""}, {"--session"}).out, {"--session needs a value"});
+
+    // The log found beside its rotated files, read oldest first by their suffix.
+    run = Timeline({L(0, 9, 30, "Watch Dog finished"), L(0, 0, 20, "Watch Dog started"),
+                    L(0, 5, 10, "Watch Dog started")},
+                   {}, {"QoWatchDog.log", "QoWatchDog.log100", "QoWatchDog.log99"});
+    EXPECT_LT(run.out.find("QoWatchDog.log99"), run.out.find("QoWatchDog.log100"));
+    EXPECT_LT(run.out.find("QoWatchDog.log100"), run.out.find("QoWatchDog.log\n"));
 
     std::string huge;
     for (int i = 0; i < 20000; ++i) {
@@ -155,6 +213,28 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
               {"Summary: 60000 log lines, 0 malformed", "0 agent exit(s) not attributed", "  session 0: "});
     EXPECT_EQ(std::string::npos, run.out.find("session 1: "))
         << "the timeline and summary of session 0 alone";
+}
+
+// --follow: lines as they are written, then across a cut (the file renamed and a new one begun).
+TEST(Timeline, FollowsTheLogAcrossACut) {
+    int step = 0;
+    const auto steps = [&step](const std::filesystem::path& log) {
+        if (++step == 1) {
+            std::ofstream(log, std::ios::binary | std::ios::app) << L(0, 1, 10, "Session Reload!!");
+        } else if (step == 2) {
+            std::filesystem::rename(log, log.string() + "99");
+            std::ofstream(log, std::ios::binary) << L(0, 2, 10, "Watch Dog finished");
+        }
+        return step < 3;
+    };
+    const Result run = Timeline({L(0, 0, 10, "Watch Dog started")}, {"--follow"}, {"QoWatchDog.log"}, steps);
+    EXPECT_EQ(0, run.code);
+    EXPECT_EQ(3, step);
+    const std::vector<std::string> order = {"supervisor started", "request served: reload", "was cut",
+                                            "ended (exit code 0)", "Summary: 3 log lines"};
+    for (size_t i = 1; i < order.size(); ++i) {
+        EXPECT_LT(run.out.find(order[i - 1]), run.out.find(order[i])) << order[i] << "\n" << run.out;
+    }
 }
 
 }  // namespace
