@@ -59,13 +59,22 @@ long long SecondsOf(const std::tm& tm) {
     return CivilSeconds(tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
 }
 
+// The broken-down local or UTC time of t, in the caller's buffer.
+bool Broken(std::time_t t, bool bLocal, std::tm& tm) {
+#ifdef _WIN32
+    return (bLocal ? localtime_s(&tm, &t) : gmtime_s(&tm, &t)) == 0;
+#else
+    return (bLocal ? localtime_r(&t, &tm) : gmtime_r(&t, &tm)) != nullptr;
+#endif
+}
+
 // The offset from UTC, in seconds, that this machine's zone has at a local time.
 long long LocalOffset(long long localSeconds) {
     std::tm tm = Civil(localSeconds);
     tm.tm_isdst = -1;
     const std::time_t t = std::mktime(&tm);
-    const std::tm* utc = t == static_cast<std::time_t>(-1) ? nullptr : std::gmtime(&t);
-    return utc != nullptr ? localSeconds - SecondsOf(*utc) : 0;
+    std::tm utc = {};
+    return t != static_cast<std::time_t>(-1) && Broken(t, false, utc) ? localSeconds - SecondsOf(utc) : 0;
 }
 
 // Known messages whose fields the reader uses: the form their text must have in full.
@@ -187,6 +196,31 @@ std::string Escape(const std::string& text) {
     return out;
 }
 
+std::string JsonString(const std::string& text) {
+    std::string out = "\"";
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+        for (size_t k = 1; k < length; ++k) {
+            if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) >> 6) != 2) {
+                length = 0;
+            }
+        }
+        char escaped[8];
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || length == 0) {
+            std::snprintf(escaped, sizeof(escaped), "\\u%04X", c);
+            out += escaped;
+        } else {
+            out.append(text, i, length);
+            i += length - 1;
+        }
+    }
+    return out + "\"";
+}
+
 std::string FormatTime(long long seconds, bool bOffset) {
     const std::tm tm = Civil(seconds);
     char text[40];
@@ -204,9 +238,8 @@ std::string FormatTime(long long seconds, bool bOffset) {
 }
 
 long long LocalNowSeconds() {
-    const std::time_t now = std::time(nullptr);
-    const std::tm* local = std::localtime(&now);
-    return local != nullptr ? SecondsOf(*local) : 0;
+    std::tm local = {};
+    return Broken(std::time(nullptr), true, local) ? SecondsOf(local) : 0;
 }
 
 long long ParseTime(const std::string& text) {
@@ -247,9 +280,8 @@ long long ParseTime(const std::string& text) {
     }
     // A time with its offset: the same instant in this machine's local time.
     const long long utc = civil - (m[8] == "-" ? -1 : 1) * (part(9) * 3600 + part(10) * 60);
-    const std::time_t t = static_cast<std::time_t>(utc);
-    const std::tm* local = std::localtime(&t);
-    return local != nullptr ? SecondsOf(*local) : -1;
+    std::tm local = {};
+    return Broken(static_cast<std::time_t>(utc), true, local) ? SecondsOf(local) : -1;
 }
 
 bool ReadLines(const std::string& path, std::vector<std::string>& lines, std::string& why) {
@@ -304,6 +336,7 @@ std::vector<std::string> LogAndRotated(const std::string& log) {
     }
     std::sort(rotated.begin(), rotated.end());
     std::vector<std::string> files;
+    files.reserve(rotated.size() + 1);
     for (const auto& entry : rotated) {
         files.push_back(entry.second);
     }

@@ -22,6 +22,10 @@ bool ParseLine(const std::string& text, Line& line, std::string& why);
 // Control bytes as \xNN, so that a damaged log cannot drive the terminal.
 std::string Escape(const std::string& text);
 
+// A JSON string: quotes, backslashes and control bytes escaped; a byte that is not part of valid
+// UTF-8 as the character of the same number.
+std::string JsonString(const std::string& text);
+
 // Seconds of a civil date and time taken as UTC: local times compare and subtract correctly.
 long long CivilSeconds(long long y, long long mon, long long d, long long h, long long min, long long s);
 

@@ -57,33 +57,6 @@ bool NumberAfter(const std::string& text, const std::string& prefix, long long& 
     return end != start;
 }
 
-// A JSON string: quotes, backslashes and control bytes escaped; a byte that is not part of valid
-// UTF-8 as the character of the same number.
-std::string Json(const std::string& text) {
-    std::string out = "\"";
-    for (size_t i = 0; i < text.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-        for (size_t k = 1; k < length; ++k) {
-            if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) >> 6) != 2) {
-                length = 0;
-            }
-        }
-        char escaped[8];
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || length == 0) {
-            std::snprintf(escaped, sizeof(escaped), "\\u%04X", c);
-            out += escaped;
-        } else {
-            out.append(text, i, length);
-            i += length - 1;
-        }
-    }
-    return out + "\"";
-}
-
 struct Entry {
     long long seconds = 0;
     size_t seq = 0;
@@ -360,6 +333,7 @@ private:
         ++counts.crashes;
         ++counts.restarts;
         s.restarts.push_back(line.seconds);
+        s.exitCode = exit.code;
         Entry e = Ended(exit, line.pid, id, "agent_restarted", "; restarted" + pid);
         e.agentPid = work.newPid;
         Put(e);
@@ -500,8 +474,8 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
             << "\n";
         return;
     }
-    out << "{\"time\":" << (e.bTimed ? Json(FormatTime(e.seconds, true)) : "null")
-        << ",\"event\":" << Json(e.event);
+    out << "{\"time\":" << (e.bTimed ? JsonString(FormatTime(e.seconds, true)) : "null")
+        << ",\"event\":" << JsonString(e.event);
     if (e.pid != 0) {
         out << ",\"pid\":" << e.pid;
     }
@@ -510,8 +484,8 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
     }
     if (e.exitCode >= 0) {
         const unsigned long code = static_cast<unsigned long>(e.exitCode);
-        out << ",\"exit_code\":" << code << ",\"exit_hex\":" << Json(Hex(code))
-            << ",\"exit_name\":" << Json(ExitWord(code))
+        out << ",\"exit_code\":" << code << ",\"exit_hex\":" << JsonString(Hex(code))
+            << ",\"exit_name\":" << JsonString(ExitWord(code))
             << ",\"graceful\":" << (IsGraceful(code) ? "true" : "false");
     }
     if (e.agentPid != 0) {
@@ -521,11 +495,11 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
         out << ",\"count\":" << e.count;
     }
     if (e.until >= 0) {
-        out << ",\"until\":" << Json(FormatTime(e.until, true));
+        out << ",\"until\":" << JsonString(FormatTime(e.until, true));
     }
-    out << ",\"text\":" << Json(e.text);
+    out << ",\"text\":" << JsonString(e.text);
     if (!e.message.empty()) {
-        out << ",\"message\":" << Json(e.message);
+        out << ",\"message\":" << JsonString(e.message);
     }
     out << "}\n";
 }
@@ -656,7 +630,7 @@ bool ReadLogState(const std::vector<std::string>& files, LogState& state, std::s
     for (const std::string& file : files) {
         std::vector<std::string> lines;
         if (!ReadLines(file, lines, why)) {
-            why = file + " " + why;
+            why.insert(0, file + " ");
             return false;
         }
         for (size_t i = 0; i < lines.size(); ++i) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "foundation/AgentLocation.h"
+#include "foundation/LogLocation.h"
 #include "foundation/ProcessSession.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/SessionRecord.h"
@@ -22,7 +23,6 @@ using BrevantUtility::OperationSystem::CMutex;
 
 namespace {
 
-const DWORD INSTALL_DIR_CHARS = 261;
 const DWORD WORKING_PATH_CHARS = 260;
 const DWORD EXPLORER_POLL_MS = 200;
 const DWORD HANDOVER_POLL_MS = 200;
@@ -42,28 +42,6 @@ enum MainWaitPosition {
 };
 
 std::wstring ToDecimal(DWORD dwValue) { return std::to_wstring(dwValue); }
-
-// The value's text from the bytes the registry returned, up to the first NUL within them.
-std::wstring TextOf(const wchar_t* pszBuffer, DWORD cbData) {
-    const size_t nMax = cbData / sizeof(wchar_t);
-    size_t n = 0;
-    while (n < nMax && pszBuffer[n] != L'\0') {
-        ++n;
-    }
-    return std::wstring(pszBuffer, n);
-}
-
-// The log directory when the platform's debug directory cannot be had: TEMP, and when that is
-// not set, whatever the system names as its temporary directory.
-std::wstring FallbackLogDirectory() {
-    const wchar_t* pszTemp = _wgetenv(L"TEMP");
-    if (pszTemp != nullptr && *pszTemp != L'\0') {
-        return pszTemp;
-    }
-    wchar_t szTemp[MAX_PATH + 1] = {};
-    const DWORD n = GetTempPathW(MAX_PATH + 1, szTemp);
-    return (n > 0 && n <= MAX_PATH) ? std::wstring(szTemp) : std::wstring();
-}
 
 void SetLogFile(const std::wstring& strDir) {
     if (strDir.empty()) {
@@ -249,33 +227,10 @@ int Supervise(DWORD dwParentPid, HANDLE hTerminateEvent) {
 
 bool GetKeldDebugLogPath(std::wstring& strDir, std::wstring& strMessage) {
     strDir.clear();
-    strMessage.clear();
-    CRegKeyHandle key;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, REG_KELD_KEY, 0, KEY_READ, key.Receive()) != ERROR_SUCCESS) {
-        strMessage += L"RegOpenKeyExW failed. GetLastError=" + ToDecimal(GetLastError());
+    std::wstring strLogDir;
+    if (!ReadDebugLogDirectory(strLogDir, strMessage)) {
         return false;
     }
-    wchar_t szInstallDir[INSTALL_DIR_CHARS] = {};
-    DWORD cbData = sizeof(szInstallDir);
-    const LONG lQuery = RegQueryValueExW(key.Get(), REG_VALUE_INSTALL_DIR, nullptr, nullptr,
-                                         reinterpret_cast<BYTE*>(szInstallDir), &cbData);
-    const DWORD dwQueryErr = GetLastError();
-    key.Close();
-    if (lQuery != ERROR_SUCCESS || cbData == 0) {
-        strMessage += L"RegQueryValueW failed. GetLastError=" + ToDecimal(dwQueryErr);
-        return false;
-    }
-    // The bytes returned bound the text, whether or not the value ends with a NUL.
-    std::wstring strLogDir = TextOf(szInstallDir, cbData);
-    if (strLogDir.empty()) {
-        strMessage += L"InstallDir is empty";
-        return false;
-    }
-    if (strLogDir.back() != L'\\') {
-        strLogDir += L'\\';
-    }
-    strLogDir += L"debug";
-
     const DWORD dwAttributes = GetFileAttributesW(strLogDir.c_str());
     if (dwAttributes == INVALID_FILE_ATTRIBUTES || (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
         if (!CreateDirectoryW(strLogDir.c_str(), nullptr)) {

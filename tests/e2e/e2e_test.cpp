@@ -2,7 +2,10 @@
 // the agents it starts, the events it creates and answers, the registry, its exit codes and its log.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
 
 #include "Harness.h"
 
@@ -25,8 +28,7 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(qt::SetString(qt::kEnvKey, L"Path", otherPath + L";" + qt::PlatformDir(), REG_EXPAND_SZ));
     qt::Agents started;
     ExpectCtl(L"status", 5, {"Supervisor: none", "Keld service: stopped"});
-    ExpectCtl(L"reload", 1,
-              {"nobody listens: Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD could not be set (error 2"});
+    ExpectCtl(L"reload", 1, {"reload: refused: the supervisor is none: no supervisor holds"});
     const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
 
@@ -39,6 +41,7 @@ TEST(Supervisor, WholeLife) {
     ExpectCtl(L"status", 2,
               {"at its start gate",
                "SetStartEvent: \"1\" (registry type 1, not a REG_DWORD): the start gate stays shut"});
+    ExpectCtl(L"stop", 1, {"refused: the supervisor is at its start gate"});
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 2));
     ASSERT_TRUE(qt::WaitLog("Regkey is changed. check again.", 2));
     EXPECT_EQ(2u, qt::ReadLog().Count("Regkey is changed. check again."))
@@ -50,9 +53,12 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(started.Wait());
     EXPECT_FALSE(qt::Exists(qt::kStartService));
     EXPECT_EQ(otherPath + L";", qt::ReadString(qt::kEnvKey, L"Path")) << "own directory removed";
-    ExpectCtl(L"status --platform \"" + qt::PlatformDir() + L"\"", 0,
-              {"Supervisor: serving", "SetStartEvent: 1 (REG_DWORD): the start gate opens",
-               "; agent " + std::to_string(qt::OnlyAgent())});
+    ExpectCtl(L"status", 0,
+              {"Supervisor: serving (process " + std::to_string(supervisor.pid) + ")",
+               std::to_string(supervisor.pid) + " supervisor since 20",
+               "SetStartEvent: 1 (REG_DWORD): the start gate opens",
+               "Agent: " + qt::ToUtf8(qt::AgentDir()) + "\\QoSessionAgent.exe",
+               "; agent " + std::to_string(qt::OnlyAgent()) + " since 20", "0 restart(s) in the last hour"});
 
     // A crash restarts the agent; a graceful end switches the session off, and a log-on with the
     // same shell leaves it off; a new shell brings it back.
@@ -64,6 +70,7 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(started.Wait());
     TerminateProcess(holder.h.get(), 0);
     EXPECT_NE(first, qt::OnlyAgent());
+
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 0xC0000142));
     ASSERT_TRUE(qt::WaitLog("No session to monitor."));
     EXPECT_EQ(0u, Exit(qt::StartWatchDog(L"")));
@@ -78,42 +85,88 @@ TEST(Supervisor, WholeLife) {
     qt::EndAllAgents(0);
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
-    ExpectCtl(L"status", 4, {"supervision stopped", "NO AGENT", "last in the log: [", "session ID = 1"});
+    ExpectCtl(
+        L"status", 4,
+        {"supervision stopped by a stop request", "no agent: supervision ended by a stop request at 20"});
     ExpectCtl(L"reload", 0, {});
     ASSERT_TRUE(started.Wait());
+
+    // An agent that crashes at once is a crash loop; one that cannot be started again leaves its
+    // session without an agent; a second agent in the session is flagged. Status tells each apart.
+    ASSERT_TRUE(qt::SetDword(qt::kAgentKey, qt::kImmediate, 0xC0000005));
+    ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 0xC0000005));
+    ASSERT_TRUE(qt::WaitLog(" Create Session Agent successfully session ID = 1", 10));
+    ExpectCtl(
+        L"status --json", 6,
+        {"{\"phase\":\"serving\"", "\"exit_code\":6,\"supervisor_pid\":" + std::to_string(supervisor.pid),
+         "\"state\":\"crash_loop\"", "last exit 0xC0000005 access violation", "\"crash_loop\":true",
+         "\"se_agnt_max_num_loaded\":2147483647"});
+    const std::wstring agentExe = qt::AgentDir() + L"\\QoSessionAgent.exe";
+    ASSERT_TRUE(MoveFileW(agentExe.c_str(), (agentExe + L".moved").c_str()));
+    ASSERT_TRUE(qt::WaitLog("Session Agent re-create failed"));
+    ASSERT_TRUE(MoveFileW((agentExe + L".moved").c_str(), agentExe.c_str()));
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, qt::kAgentKey, qt::kImmediate);
+    ExpectCtl(L"status", 7,
+              {"NO AGENT: its agent ended with exit 0xC0000005 access violation at 20",
+               "and could not be restarted: CreateProcessAsUser GetLastError=2"});
+    const qt::Log afterFailure = qt::ReadLog();
+    const qt::Proc newShell = qt::StartHelper(L"explorer.exe", L"idle");
+    ExpectCtl(L"reload --wait 60", 0, {"reload: served: supervisor " + std::to_string(supervisor.pid)});
+    ASSERT_TRUE(started.Wait());
+    const qt::Proc extra = qt::Start(agentExe, L"", qt::AgentDir());
+    ASSERT_TRUE(started.Wait());
+    ExpectCtl(L"status", 8, {"TWO AGENTS: 2 agents in one session"});
+    ASSERT_TRUE(qt::EndAgent(extra.pid, 0));
+
     ExpectCtl(L"terminate", 0, {});
     ASSERT_TRUE(qt::WaitLog("KELD Stop", 2));
+    ExpectCtl(L"status", 4, {"terminating: waits for its agents to end"});
+    ExpectCtl(L"reload", 1, {"refused: the supervisor is terminating"});
     qt::EndAllAgents(0);
     EXPECT_EQ(0u, Exit(supervisor));
 
     const qt::Log log = qt::ReadLog();
     EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
-    EXPECT_EQ(2u, log.Errors()) << "the held writers' mutex and the recreated key";
+    EXPECT_EQ(5u, afterFailure.Errors()) << "the held writers' mutex, the recreated key, the failed restart";
+    EXPECT_EQ(afterFailure.Errors(), log.Errors());
     EXPECT_EQ(
         1u,
         log.Count("Log writer mutex Global\\QO_WATCH_DOG_LOG_WRITER held by another process for 2000 ms"));
-    EXPECT_EQ(
-        "", qt::InOrder(log, {"Start Watch Dog", "Watch Dog started",
-                              "KELD path is found in system path, so remove it!", "Wait for set start event.",
-                              "Exit Reload User Session on Startup", "Enter WaitForMultipleObjects Main Loop",
-                              "exitcode=3221225477", "graceful=1, handle=", "session (1) is off.",
-                              "Watch Dog started by runkey", "Session Reload!!", "Session Reload!!",
-                              "session (1) is on again.", "Product Adapter Stop Event!!", "KELD Stop",
-                              "Session Reload!!", "Product Adapter Terminate Event!!",
-                              "Wait for All Monitor Thread. dwRet=0", "Watch Dog finished"}));
-    EXPECT_EQ(4u, log.Count(" Create Session Agent successfully session ID = 1"));
+    EXPECT_EQ("", qt::InOrder(log, {"Start Watch Dog",
+                                    "Watch Dog started",
+                                    "KELD path is found in system path, so remove it!",
+                                    "Wait for set start event.",
+                                    "Exit Reload User Session on Startup",
+                                    "Enter WaitForMultipleObjects Main Loop",
+                                    "exitcode=3221225477",
+                                    "graceful=1, handle=",
+                                    "session (1) is off.",
+                                    "Watch Dog started by runkey",
+                                    "Session Reload!!",
+                                    "Session Reload!!",
+                                    "session (1) is on again.",
+                                    "Product Adapter Stop Event!!",
+                                    "KELD Stop",
+                                    "Session Reload!!",
+                                    "Session Agent re-create failed",
+                                    "session (1) is on again.",
+                                    "Product Adapter Terminate Event!!",
+                                    "Wait for All Monitor Thread. dwRet=0",
+                                    "Watch Dog finished"}));
+    const char* const start = " Create Session Agent successfully session ID = 1";
+    EXPECT_EQ(afterFailure.Count(start) + 1, log.Count(start));
     EXPECT_EQ(1u, log.Count("No session to monitor.")) << "only once the last agent has ended gracefully";
     ExpectCtl(L"log", 0,
-              {"supervisor started",
-               "session 1: agent ended, exit code 3221225477 (crash: access violation); "
-               "restarted",
-               "session 1: off", "run-key instance: asked the supervisor to reload", "session 1: on again",
-               "request served: stop", "ERROR Log writer mutex", "session 1: 4 agent start(s), 1 restart(s)",
-               "0 agent exit(s) not attributed"});
+              {"supervisor started", "session 1: off", "run-key instance: asked the supervisor to reload",
+               "session 1: on again", "request served: stop", "ERROR Log writer mutex",
+               "session 1: CRASH LOOP: restarted",
+               "session 1: agent ended, exit 0xC0000005 access violation; restarted",
+               "exit 0xC0000005 access violation, could not be restarted: CreateProcessAsUser GetLastError=2",
+               "session 1: loses its agent (pid", "0 agent exit(s) not attributed"});
     // The reinstall wakes it for the deletion, then once or twice more as the key and its value
     // come back before or after the gate watches again.
     EXPECT_LE(3u, log.Count("Regkey is changed. check again."));
-    EXPECT_GE(5u, log.Count("Regkey is changed. check again."));
+    EXPECT_GE(6u, log.Count("Regkey is changed. check again."));
     EXPECT_EQ(1u, log.Count("Install was deleted and created again: its SetStartEvent is watched again"));
 }
 
@@ -131,6 +184,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
     ExpectCtl(L"status", 3, {"Supervisor: final wait"});
+    ExpectCtl(L"reload", 1, {"refused: the supervisor is final wait"});
     ASSERT_TRUE(qt::Signal(qt::kTerminate));
     EXPECT_EQ(0u, Exit(first));
     EXPECT_FALSE(qt::Exists(qt::kStartKeld));
@@ -139,12 +193,17 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ASSERT_TRUE(started.Wait());
     TerminateProcess(host.h.get(), 0);
     ASSERT_TRUE(qt::WaitLog("KELD Stop", 2));
-    qt::EndAllAgents(0);
-    ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0", 2));
-    qt::ResetAllAgents();
+    // The successor's hand-over: the predecessor starts Keld, then waits for its agent to end.
     const qt::Handle keldRunning = qt::Own(CreateEventW(nullptr, TRUE, FALSE, qt::kKeldRunning));
     host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc third = qt::StartWatchDog(std::to_wstring(host.pid));
+    ASSERT_TRUE(qt::WaitLog("Start KELD service."));
+    ExpectCtl(L"status", 3,
+              {"ending: asked to start Keld in its final wait, it waits for its agents to end (process " +
+                   std::to_string(second.pid),
+               std::to_string(third.pid) + " successor"});
+    ExpectCtl(L"terminate", 1, {"refused"});
+    ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 0));
     EXPECT_EQ(0u, Exit(second));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(keldRunning.get(), qt::kWaitMs)) << "Keld started";
     ASSERT_TRUE(started.Wait());
@@ -156,6 +215,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ASSERT_TRUE(qt::WaitLog("Update Event!!"));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(noStop.get(), qt::kWaitMs));
     ExpectCtl(L"status", 4, {"closing for an update"});
+    ExpectCtl(L"stop", 1, {"refused: the supervisor is closing for an update"});
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 1));
     ASSERT_TRUE(started.Wait()) << "still restarting until the close comes from outside";
     ASSERT_TRUE(qt::Signal(qt::kClose));
@@ -173,7 +233,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
                       "event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done",
                       "Another instance is running!!", "Update Event!!", "Watch Dog finished"}));
     EXPECT_EQ(1u, log.Count("Start KELD service."));
-    ExpectCtl(L"start-keld", 1, {"nobody listens"});
+    ExpectCtl(L"start-keld", 1, {"start-keld: refused: the supervisor is none"});
 
     // A supervisor in its final wait asked to start Keld while it already runs: it only ends.
     const qt::Proc fourth = qt::StartWatchDog(std::to_wstring(host.pid));
@@ -185,10 +245,33 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ExpectCtl(L"start-keld", 0, {"start-keld: set Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC"});
     EXPECT_EQ(0u, Exit(fourth));
     EXPECT_EQ(1u, qt::ReadLog().Count("KELD service is running."));
+
+    // The agent limit as the supervisor loaded it, not as the registry holds it now; then a report.
+    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 0));
+    const qt::Proc fifth = qt::StartWatchDog(std::to_wstring(host.pid));
+    ASSERT_TRUE(qt::WaitLog("Load SeAgntMaxNum=0"));
+    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SeAgntMaxNum", 5));
+    ExpectCtl(L"reload --wait 60", 0, {"served"});
+    ExpectCtl(L"status", 0,
+              {"SeAgntMaxNum: 5 (REG_DWORD) in the registry; the supervisor loaded 0",
+               "NO AGENT: left out by the agent limit: SeAgntMaxNum 0 as loaded"});
+    const std::wstring report = qt::Scratch(L"report") + L"\\ticket.txt";
+    ExpectCtl(L"report \"" + report + L"\"", 0, {"report: "});
+    std::ostringstream text;
+    text << std::ifstream(std::filesystem::path(report)).rdbuf();
+    for (const char* part : {"QoWatchCtl 1.", "== status\nSupervisor: serving",
+                             "SetStartEvent = 1 (REG_DWORD)", "InstallDir = \"C:\\Program Files",
+                             "QoWatchDog.exe since 20", "== log file ", "[INFO]Load SeAgntMaxNum=0"}) {
+        EXPECT_NE(std::string::npos, text.str().find(part)) << part << "\n" << text.str();
+    }
+    ASSERT_TRUE(qt::Signal(qt::kTerminate));
+    EXPECT_EQ(0u, Exit(fifth));
     ExpectCtl(L"log", 0,
               {"request served: close agents and wait: final wait", "the host process ended: final wait",
-               "hand-over: asks the waiting predecessor to start Keld", "starts the Keld service",
-               "ERROR Another instance is running!!", "request served: update", "5 supervisor start(s)"});
+               "hand-over: asks the waiting predecessor to start Keld",
+               "asks the service control manager to start Keld (the log records no result)",
+               "loses its agent (pid", "the host process's end; it is not restarted",
+               "ERROR Another instance is running!!", "request served: update", "6 supervisor start(s)"});
 }
 
 // Every start that must not supervise ends with -1 and says why, and starts no agent.
@@ -260,6 +343,8 @@ TEST(Entry, LogLocationsAndRunKeyStorm) {
          tempLog, "InstallDir is empty"},
         {[] { qt::SetString(qt::kKeldKey, L"InstallDir", L"C:\\QoMissing"); }, tempLog,
          "CreateDirectoryW failed. GetLastError=3, path=C:\\QoMissing\\debug"},
+        {[] { qt::SetString(qt::kKeldKey, L"InstallDir", qt::WatchDogExe()); }, tempLog,
+         "CreateDirectoryW failed. GetLastError=3, path=" + qt::ToUtf8(qt::WatchDogExe()) + "\\debug"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(qt::ToUtf8(c.log) + " " + c.secondLine);
@@ -277,6 +362,11 @@ TEST(Entry, LogLocationsAndRunKeyStorm) {
                                                  0));
         EXPECT_EQ("Open Watch Dog Reload Event failed. Err=2", log.lines[log.lines.size() - 2].message);
         EXPECT_EQ("Exit Watch Dog From Run Key. nRet=-1", log.lines.back().message);
+        // QoWatchCtl finds the log by the same rules.
+        ExpectCtl(
+            L"status", 5,
+            {"Log: " + qt::ToUtf8(c.log) + (c.secondLine.empty() ? "\r\nKeld service" : " (the fallback: ")});
+        ExpectCtl(L"log --json", 0, {"\"event\":\"run_key\",\"pid\":"});
     }
 
     qt::Reset();

@@ -56,7 +56,15 @@ void StopKeld() {
 Handle Own(HANDLE h) { return Handle(h == INVALID_HANDLE_VALUE ? nullptr : h); }
 
 std::wstring HelperExe() { return BuildPath("QO_HELPER_EXE"); }
-std::wstring WatchDogExe() { return BuildPath("QO_WATCHDOG_EXE"); }
+// Where the client installs it: in the platform directory, beside Session_Agent.ini.
+std::wstring WatchDogExe() {
+    static const std::wstring s_exe = [] {
+        const std::wstring exe = PlatformDir() + L"\\QoWatchDog.exe";
+        CopyFileW(BuildPath("QO_WATCHDOG_EXE").c_str(), exe.c_str(), FALSE);
+        return exe;
+    }();
+    return s_exe;
+}
 std::wstring PlatformDir() { return L"C:\\Program Files\\Corvane\\Brevant\\Platform"; }
 std::wstring AgentDir() { return PlatformDir() + L"\\agent"; }
 std::wstring KeldDir() { return L"C:\\Program Files\\Corvane\\Keld"; }
@@ -133,7 +141,7 @@ std::pair<DWORD, std::string> Ctl(const std::wstring& args) {
     si.hStdOutput = si.hStdError = file.get();
     PROCESS_INFORMATION pi = {};
     Proc p;
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, PlatformDir().c_str(), &si,
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, Scratch(L"cwd").c_str(), &si,
                        &pi)) {
         CloseHandle(pi.hThread);
         p.h = Own(pi.hProcess);

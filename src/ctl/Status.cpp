@@ -1,0 +1,483 @@
+#include "ctl/Status.h"
+
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <map>
+#include <ostream>
+#include <set>
+#include <sstream>
+
+#include "ctl/LogReader.h"
+#include "foundation/AgentLocation.h"
+#include "foundation/CRegKey.h"
+#include "foundation/LogLocation.h"
+#include "foundation/ScopedHandle.h"
+#include "foundation/kernel_objects.h"
+#include "session/SessionAgentMonitor.h"
+
+namespace QoWatchCtl {
+namespace {
+
+const wchar_t* const WATCHDOG_IMAGE = L"QoWatchDog.exe";
+const long long HOUR = 3600;
+
+bool SameText(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
+
+bool EventExists(const wchar_t* pszName) {
+    return CKernelHandle(OpenEventW(SYNCHRONIZE, FALSE, pszName)).IsValid();
+}
+
+// Only for manual-reset events: a look at an auto-reset one would take its signal.
+bool ManualEventIsSet(const wchar_t* pszName) {
+    const CKernelHandle event(OpenEventW(SYNCHRONIZE, FALSE, pszName));
+    return event.IsValid() && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
+}
+
+long long LocalSeconds(const FILETIME& utc) {
+    FILETIME local = {};
+    SYSTEMTIME t = {};
+    if (!FileTimeToLocalFileTime(&utc, &local) || !FileTimeToSystemTime(&local, &t)) {
+        return -1;
+    }
+    return CivilSeconds(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+}
+
+std::wstring RegText(const wchar_t* pszKey, const wchar_t* pszValue) {
+    CRegKey key;
+    std::wstring strText;
+    if (key.Open(HKEY_LOCAL_MACHINE, pszKey, KEY_READ) == ERROR_SUCCESS) {
+        key.QueryValue(pszValue, strText);
+    }
+    return strText;
+}
+
+// The value as stored: "1 (REG_DWORD)", "\"1\" (registry type 1, not a REG_DWORD)" or "not set".
+std::string RegValue(const wchar_t* pszValue, DWORD& dwValue, bool& bDword) {
+    CRegKey key;
+    DWORD dwType = REG_NONE;
+    const LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS
+                             ? key.QueryDword(pszValue, dwValue, &dwType)
+                             : ERROR_FILE_NOT_FOUND;
+    bDword = lResult == ERROR_SUCCESS;
+    if (bDword) {
+        return std::to_string(dwValue) + " (REG_DWORD)";
+    }
+    if (lResult != ERROR_DATATYPE_MISMATCH) {
+        return "not set";
+    }
+    std::wstring strText;
+    key.QueryValue(pszValue, strText);
+    return "\"" + Utf8(strText) + "\" (registry type " + std::to_string(dwType) + ", not a REG_DWORD)";
+}
+
+std::string KeldState() {
+    const CServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    const CServiceHandle service(OpenServiceW(manager.Get(), KELD_SERVICE_NAME, SERVICE_QUERY_STATUS));
+    SERVICE_STATUS status = {};
+    if (!service.IsValid() || !QueryServiceStatus(service.Get(), &status)) {
+        const DWORD dwErr = GetLastError();
+        return "cannot be queried (error " + std::to_string(dwErr) + ": " + Win32Meaning(dwErr) + ")";
+    }
+    static const char* const s_states[] = {"?",       "stopped",          "start pending", "stop pending",
+                                           "running", "continue pending", "pause pending", "paused"};
+    return status.dwCurrentState < 8 ? s_states[status.dwCurrentState] : "?";
+}
+
+std::string Json(const std::string& text) { return JsonString(text); }
+std::string JsonTime(long long seconds) {
+    return seconds < 0 ? "null" : JsonString(FormatTime(seconds, true));
+}
+
+// A session as status tells it.
+struct SessionView {
+    std::vector<DWORD> shells;
+    std::vector<const Process*> agents;
+    std::string state;  // running, off, no_agent, restart_failed, crash_loop, two_agents, supervision_ended
+    std::string why;
+    size_t restartsLastHour = 0;
+    bool bCrashLoop = false;
+};
+
+bool InCrashLoop(const std::vector<long long>& restarts, long long now) {
+    if (restarts.size() < CRASH_LOOP_RESTARTS || now - restarts.back() > CRASH_LOOP_SECONDS) {
+        return false;
+    }
+    for (size_t i = restarts.size() - CRASH_LOOP_RESTARTS + 1; i < restarts.size(); ++i) {
+        if (restarts[i] - restarts[i - 1] > CRASH_LOOP_SECONDS) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Why a session with a shell has no agent, as the supervisor's log tells it; empty state when the
+// log says nothing that explains it.
+void Explain(const SessionLog& s, SessionView& view) {
+    const std::string at = " at " + FormatTime(s.since);
+    switch (s.eState) {
+        case SessionLog::GRACEFUL_END:
+            view.state = "off";
+            view.why = "its agent ended gracefully with exit " + ExitName(s.exitCode) + at +
+                       "; off until its user logs on again";
+            break;
+        case SessionLog::RESTART_FAILED:
+            view.state = "restart_failed";
+            view.why = "its agent ended with exit " + ExitName(s.exitCode) + at +
+                       " and could not be restarted" + (s.why.empty() ? "" : ": " + s.why);
+            break;
+        case SessionLog::START_FAILED:
+            view.state = "no_agent";
+            view.why = "its agent could not be started" + at + (s.why.empty() ? "" : ": " + s.why);
+            break;
+        case SessionLog::SUPERVISION_ENDED:
+            view.state = "supervision_ended";
+            view.why = "supervision ended by " + s.why + at;
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace
+
+std::string Utf8(const std::wstring& text) {
+    std::string out(text.size() * 3 + 1, '\0');
+    out.resize(
+        static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()),
+                                                &out[0], static_cast<int>(out.size()), nullptr, nullptr)));
+    return out;
+}
+
+std::vector<Process> Processes() {
+    std::vector<Process> vec;
+    const CKernelHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL bMore = Process32FirstW(snapshot.Get(), &entry); bMore;
+         bMore = Process32NextW(snapshot.Get(), &entry)) {
+        Process p;
+        p.dwPid = entry.th32ProcessID;
+        p.strName = entry.szExeFile;
+        ProcessIdToSessionId(p.dwPid, &p.dwSession);
+        const CKernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, p.dwPid));
+        std::wstring strImage(MAX_PATH, L'\0');
+        DWORD nChars = static_cast<DWORD>(strImage.size());
+        if (process.IsValid() && QueryFullProcessImageNameW(process.Get(), 0, &strImage[0], &nChars)) {
+            p.strImage = strImage.substr(0, nChars);
+        }
+        FILETIME created = {}, exited = {}, kernel = {}, user = {};
+        if (process.IsValid() && GetProcessTimes(process.Get(), &created, &exited, &kernel, &user)) {
+            p.started = LocalSeconds(created);
+        }
+        vec.push_back(p);
+    }
+    return vec;
+}
+
+std::wstring LogPath(std::string& fallbackWhy) {
+    std::wstring strDir, strMessage;
+    fallbackWhy.clear();
+    if (ReadDebugLogDirectory(strDir, strMessage)) {
+        // The watchdog makes the debug folder when it is missing; that fails when its parent is
+        // missing, or when a file has the folder's name.
+        const DWORD dwDebug = GetFileAttributesW(strDir.c_str());
+        const DWORD dwParent = GetFileAttributesW(strDir.substr(0, strDir.size() - 6).c_str());
+        if (dwDebug != INVALID_FILE_ATTRIBUTES
+                ? (dwDebug & FILE_ATTRIBUTE_DIRECTORY) != 0
+                : dwParent != INVALID_FILE_ATTRIBUTES && (dwParent & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+            return strDir + L"\\" + LOG_FILE_NAME;
+        }
+        strMessage = strDir + L" cannot be made";
+    }
+    fallbackWhy = Utf8(strMessage);
+    std::wstring strFallback = FallbackLogDirectory();
+    if (!strFallback.empty() && strFallback.back() != L'\\') {
+        strFallback += L'\\';
+    }
+    return strFallback + LOG_FILE_NAME;
+}
+
+Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
+    Phase phase;
+    if (!BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists()) {
+        phase.id = "none";
+        phase.text = "none: no supervisor holds " + Utf8(QO_WATCH_DOG_NAMED_MUTEX);
+        return phase;
+    }
+    // The supervisor: a running watchdog whose log shows it past its start and not yet ended, the
+    // newest of them; a successor that waits at the hand-over is not it yet.
+    const ProcessLog* pSupervisor = nullptr;
+    for (const Process& p : processes) {
+        const auto it = log.processes.find(p.dwPid);
+        if (!SameText(p.strName, WATCHDOG_IMAGE) || it == log.processes.end() || it->second.bRunKey ||
+            it->second.bFinished) {
+            continue;
+        }
+        if (it->second.bHandOver) {
+            phase.dwSuccessor = p.dwPid;
+        } else if (pSupervisor == nullptr || it->second.started >= pSupervisor->started) {
+            pSupervisor = &it->second;
+            phase.dwSupervisor = p.dwPid;
+        }
+    }
+    const std::string last = pSupervisor != nullptr ? pSupervisor->lastEvent : std::string();
+    const auto set = [&phase](int nCode, const char* id, const std::string& text,
+                              std::vector<const wchar_t*> listens) {
+        phase.nCode = nCode;
+        phase.id = id;
+        phase.text = text;
+        phase.listens = std::move(listens);
+    };
+    const std::vector<const wchar_t*> mainLoop = {
+        EVENT_ID_BREVANT_WATCHDOG_RELOAD, EVENT_ID_BREVANT_STOP_SERVICE, EVENT_ID_BREVANT_TERMINATE_WATCHDOG,
+        EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK, EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING};
+    if (pSupervisor != nullptr && pSupervisor->bKeldAsked) {
+        set(STATUS_FINAL_WAIT, "keld_asked",
+            "ending: asked to start Keld in its final wait, it waits for its agents to end", {});
+    } else if (EventExists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC)) {
+        if (phase.dwSuccessor != 0) {
+            set(STATUS_FINAL_WAIT, "hand_over",
+                "hand-over: in its final wait, asked to start Keld by process " +
+                    std::to_string(phase.dwSuccessor) + ", which takes over when it has ended",
+                {});
+        } else {
+            set(STATUS_FINAL_WAIT, "final_wait",
+                "final wait: the host has ended or agents were closed; a successor starts Keld",
+                {EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC, EVENT_ID_BREVANT_TERMINATE_WATCHDOG});
+        }
+    } else if (EventExists(EVENT_ID_BREVANT_START_SERVICE)) {
+        set(STATUS_AT_GATE, "gate", "at its start gate (waits for SetStartEvent = 1)",
+            {EVENT_ID_BREVANT_TERMINATE_WATCHDOG});
+    } else if (!EventExists(EVENT_ID_BREVANT_WATCHDOG_RELOAD)) {
+        set(STATUS_AT_GATE, "starting", "starting: registering the sessions", {});
+    } else if (last == "Update Event!!" ||
+               (pSupervisor == nullptr && ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD))) {
+        // The event may stay set after its supervisor has ended, while another process holds it.
+        set(STATUS_STOPPED, "update", "closing for an update: agents kept until the close event is set", {});
+    } else if (last == "Product Adapter Terminate Event!!") {
+        set(STATUS_STOPPED, "terminating", "terminating: waits for its agents to end, then ends", {});
+    } else if (last == "Close Session Agent and Waiting Event!!" ||
+               last == "Product Adapter Ombrine Crash Event!!") {
+        set(STATUS_FINAL_WAIT, "closing_agents",
+            "closing its agents: waits for them to end, then sits in its final wait", {});
+    } else if (ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE)) {
+        set(STATUS_STOPPED, "stopped", "supervision stopped by a stop request; a reload restarts it",
+            mainLoop);
+    } else {
+        set(STATUS_SERVING, "serving", "serving", mainLoop);
+    }
+    return phase;
+}
+
+int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) {
+    const std::vector<Process> processes = Processes();
+    std::string fallbackWhy, logWhy;
+    const std::wstring strLog = LogPath(fallbackWhy);
+    LogState log;
+    const bool bLog = ReadLogState(LogAndRotated(Utf8(strLog)), log, logWhy);
+    Phase phase = ReadPhase(log, processes);
+    const auto supervisorLog = log.processes.find(phase.dwSupervisor);
+    const ProcessLog* pSupervisor = supervisorLog != log.processes.end() ? &supervisorLog->second : nullptr;
+
+    // The platform directory is the supervisor's own; its Session_Agent.ini names the agent.
+    std::wstring strPlatform = strPlatformGiven;
+    for (const Process& p : processes) {
+        if (strPlatform.empty() && p.dwPid == phase.dwSupervisor && !p.strImage.empty()) {
+            strPlatform = p.strImage.substr(0, p.strImage.find_last_of(L'\\'));
+        }
+    }
+    std::wstring strAgentDir, strAgent;
+    const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
+    const std::string agentText =
+        bAgent ? Utf8(strAgent)
+        : strPlatform.empty()
+            ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
+            : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
+
+    std::map<DWORD, SessionView> sessions;
+    std::set<DWORD> agentPids;
+    if (pSupervisor != nullptr) {
+        for (const auto& s : pSupervisor->sessions) {
+            agentPids.insert(s.second.agentPid);
+        }
+    }
+    for (const Process& p : processes) {
+        if (SameText(p.strName, L"explorer.exe")) {
+            sessions[p.dwSession].shells.push_back(p.dwPid);
+        } else if ((bAgent && SameText(p.strImage, strAgent)) ||
+                   (!bAgent && agentPids.count(p.dwPid) != 0 && !SameText(p.strName, WATCHDOG_IMAGE))) {
+            sessions[p.dwSession].agents.push_back(&p);
+        }
+    }
+    DWORD dwMaxValue = 0;
+    bool bMaxDword = false;
+    const std::string maxText = RegValue(REG_VALUE_SE_AGNT_MAX_NUM, dwMaxValue, bMaxDword);
+    const long long loadedMax = pSupervisor != nullptr ? pSupervisor->seAgntMaxNum : -1;
+    const long long now = LocalNowSeconds();
+    int worst = STATUS_SERVING;
+    for (auto& entry : sessions) {
+        SessionView& view = entry.second;
+        const SessionLog* pKnown = nullptr;
+        if (pSupervisor != nullptr && pSupervisor->sessions.count(entry.first) != 0) {
+            pKnown = &pSupervisor->sessions.at(entry.first);
+        }
+        if (pKnown != nullptr) {
+            view.restartsLastHour =
+                static_cast<size_t>(std::count_if(pKnown->restarts.begin(), pKnown->restarts.end(),
+                                                  [now](long long t) { return now - t <= HOUR; }));
+            view.bCrashLoop = InCrashLoop(pKnown->restarts, now);
+        }
+        int code = STATUS_SERVING;
+        const bool bEnded = pKnown != nullptr && pKnown->eState != SessionLog::RUNNING &&
+                            pKnown->eState != SessionLog::UNKNOWN;
+        if (view.agents.size() > 1) {
+            view.state = "two_agents";
+            view.why = std::to_string(view.agents.size()) + " agents in one session";
+            code = STATUS_TWO_AGENTS;
+        } else if (view.agents.empty() && bEnded) {
+            Explain(*pKnown, view);
+            code = view.state == "restart_failed" ? STATUS_RESTART_FAILED
+                   : view.state == "no_agent"     ? STATUS_SESSIONS_MISSING
+                                                  : STATUS_SERVING;
+        } else if (view.bCrashLoop && !bEnded) {
+            view.state = "crash_loop";
+            view.why = "restarted " + std::to_string(pKnown->restarts.size()) + " times, the last " +
+                       FormatTime(pKnown->restarts.back()) + "; last exit " + ExitName(pKnown->exitCode);
+            code = STATUS_CRASH_LOOP;
+        } else if (!view.agents.empty()) {
+            view.state = "running";
+        } else if (loadedMax >= 0 && view.shells.size() > 0) {
+            // A monitor starts agents only while it watches fewer than the limit.
+            size_t inBatch = 0;
+            for (const auto& other : sessions) {
+                inBatch += other.first / SESSIONS_PER_MONITOR == entry.first / SESSIONS_PER_MONITOR
+                               ? other.second.agents.size()
+                               : 0;
+            }
+            view.state = "no_agent";
+            view.why = static_cast<long long>(inBatch) >= loadedMax
+                           ? "left out by the agent limit: SeAgntMaxNum " + std::to_string(loadedMax) +
+                                 " as loaded, and its monitor watches " + std::to_string(inBatch) +
+                                 " agent(s)"
+                           : "the log says nothing of it since the supervisor started";
+            code = static_cast<long long>(inBatch) >= loadedMax ? STATUS_SERVING : STATUS_SESSIONS_MISSING;
+        } else {
+            view.state = view.shells.empty() ? "gone" : "no_agent";
+            view.why = view.shells.empty() ? "no shell and no agent" : "the log says nothing of it";
+            code = view.shells.empty() ? STATUS_SERVING : STATUS_SESSIONS_MISSING;
+        }
+        // A failed restart, then a crash loop, then two agents, then a missing agent.
+        static const int s_rank[] = {0, 1, 0, 0, 0, 0, 3, 4, 2};
+        worst = s_rank[code] > s_rank[worst] ? code : worst;
+    }
+    if (phase.nCode == STATUS_SERVING) {
+        phase.nCode = worst;
+    }
+
+    DWORD dwGate = 0;
+    bool bGateDword = false;
+    const std::string gateText = RegValue(REG_VALUE_SET_START_EVENT, dwGate, bGateDword);
+    const bool bOpens = bGateDword && dwGate == 1;
+    const std::string installDir = Utf8(RegText(REG_KELD_KEY, REG_VALUE_INSTALL_DIR));
+    const std::string keld = KeldState();
+    std::vector<std::pair<const Process*, std::string>> watchdogs;
+    for (const Process& p : processes) {
+        if (SameText(p.strName, WATCHDOG_IMAGE)) {
+            const auto it = log.processes.find(p.dwPid);
+            watchdogs.emplace_back(&p, p.dwPid == phase.dwSupervisor                     ? "supervisor"
+                                       : p.dwPid == phase.dwSuccessor                    ? "successor"
+                                       : it != log.processes.end() && it->second.bRunKey ? "run_key"
+                                                                                         : "unknown");
+        }
+    }
+
+    if (bJson) {
+        out << "{\"phase\":" << Json(phase.id) << ",\"phase_text\":" << Json(phase.text)
+            << ",\"exit_code\":" << phase.nCode << ",\"supervisor_pid\":" << phase.dwSupervisor
+            << ",\"watchdog_processes\":[";
+        for (size_t i = 0; i < watchdogs.size(); ++i) {
+            out << (i ? "," : "") << "{\"pid\":" << watchdogs[i].first->dwPid
+                << ",\"role\":" << Json(watchdogs[i].second)
+                << ",\"started\":" << JsonTime(watchdogs[i].first->started) << "}";
+        }
+        out << "],\"set_start_event\":" << Json(gateText) << ",\"gate_opens\":" << (bOpens ? "true" : "false")
+            << ",\"se_agnt_max_num\":" << Json(maxText)
+            << ",\"se_agnt_max_num_loaded\":" << (loadedMax >= 0 ? std::to_string(loadedMax) : "null")
+            << ",\"install_dir\":" << Json(installDir) << ",\"log\":" << Json(Utf8(strLog))
+            << ",\"log_fallback\":" << (fallbackWhy.empty() ? "null" : Json(fallbackWhy))
+            << ",\"keld_service\":" << Json(keld) << ",\"agent\":" << (bAgent ? Json(agentText) : "null")
+            << ",\"sessions\":[";
+        bool bFirst = true;
+        for (const auto& entry : sessions) {
+            const SessionView& v = entry.second;
+            out << (bFirst ? "" : ",") << "{\"session\":" << entry.first << ",\"state\":" << Json(v.state)
+                << ",\"shells\":[";
+            for (size_t i = 0; i < v.shells.size(); ++i) {
+                out << (i ? "," : "") << v.shells[i];
+            }
+            out << "],\"agents\":[";
+            for (size_t i = 0; i < v.agents.size(); ++i) {
+                out << (i ? "," : "") << "{\"pid\":" << v.agents[i]->dwPid
+                    << ",\"started\":" << JsonTime(v.agents[i]->started) << "}";
+            }
+            out << "],\"restarts_last_hour\":" << v.restartsLastHour
+                << ",\"crash_loop\":" << (v.bCrashLoop ? "true" : "false")
+                << ",\"why\":" << (v.why.empty() ? "null" : Json(v.why)) << "}";
+            bFirst = false;
+        }
+        out << "],\"recent_errors\":[";
+        for (size_t i = 0; i < log.recentErrors.size(); ++i) {
+            out << (i ? "," : "") << Json(log.recentErrors[i]);
+        }
+        out << "]}\n";
+        return phase.nCode;
+    }
+
+    out << "Supervisor: " << phase.text
+        << (phase.dwSupervisor != 0 ? " (process " + std::to_string(phase.dwSupervisor) + ")" : "")
+        << "\nWatchdog processes:";
+    for (const auto& w : watchdogs) {
+        out << " " << w.first->dwPid << " " << w.second
+            << (w.first->started >= 0 ? " since " + FormatTime(w.first->started) : "") << ";";
+    }
+    out << (watchdogs.empty() ? " none" : "") << "\nSetStartEvent: " << gateText
+        << (bOpens ? ": the start gate opens" : ": the start gate stays shut")
+        << "\nSeAgntMaxNum: " << maxText << (bMaxDword ? "" : ", so the default 2147483647")
+        << " in the registry; "
+        << (loadedMax >= 0 ? "the supervisor loaded " + std::to_string(loadedMax) + " (once per process)"
+                           : "not loaded by a supervisor")
+        << "\nInstallDir: " << installDir << "\nLog: " << Utf8(strLog)
+        << (fallbackWhy.empty() ? "" : " (the fallback: " + fallbackWhy + ")")
+        << (bLog ? "" : "; cannot be read: " + logWhy) << "\nKeld service: " << keld
+        << "\nAgent: " << agentText << "\nSessions:" << (sessions.empty() ? " none with a shell" : "")
+        << "\n";
+    for (const auto& entry : sessions) {
+        const SessionView& v = entry.second;
+        out << "  session " << entry.first << ": shell";
+        for (const DWORD dwShell : v.shells) {
+            out << " " << dwShell;
+        }
+        out << (v.shells.empty() ? " none" : "") << "; ";
+        for (const Process* p : v.agents) {
+            out << "agent " << p->dwPid << (p->started >= 0 ? " since " + FormatTime(p->started) : "")
+                << "; ";
+        }
+        if (v.state == "crash_loop" || v.state == "two_agents") {
+            out << (v.state == "crash_loop" ? "CRASH LOOP: " : "TWO AGENTS: ");
+        } else if (v.agents.empty()) {
+            out << (v.state == "off" || v.state == "supervision_ended" ? "no agent: " : "NO AGENT: ");
+        }
+        out << (v.why.empty() ? "" : v.why + "; ") << v.restartsLastHour << " restart(s) in the last hour\n";
+    }
+    if (!log.recentErrors.empty()) {
+        out << "Recent errors in the log:\n";
+        for (const std::string& line : log.recentErrors) {
+            out << "  " << line << "\n";
+        }
+    }
+    out << "Exit code " << phase.nCode << "\n";
+    return phase.nCode;
+}
+
+}  // namespace QoWatchCtl
