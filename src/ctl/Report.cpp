@@ -81,14 +81,10 @@ int Report(const std::wstring& strGiven) {
     for (const wchar_t* pszKey : {REG_INSTALL_KEY, REG_KELD_KEY}) {
         Values(out, pszKey);
     }
-    out << "\n== processes (watchdog and others of the platform)\n";
+    out << "\n== processes\n";
     for (const Process& p : Processes()) {
-        if (_wcsicmp(p.strName.c_str(), L"QoWatchDog.exe") == 0 ||
-            _wcsicmp(p.strName.c_str(), L"explorer.exe") == 0 || p.strImage.empty() == false) {
-            out << "  " << p.dwPid << " session " << p.dwSession << " " << Utf8(p.strName)
-                << (p.started >= 0 ? " since " + FormatTime(p.started) : "") << " " << Utf8(p.strImage)
-                << "\n";
-        }
+        out << "  " << p.dwPid << " session " << p.dwSession << " " << Utf8(p.strName)
+            << (p.started >= 0 ? " since " + FormatTime(p.started) : "") << " " << Utf8(p.strImage) << "\n";
     }
     std::string fallbackWhy;
     for (const std::string& file : LogAndRotated(Utf8(LogPath(fallbackWhy)))) {

@@ -8,6 +8,6 @@ namespace QoWatchCtl {
 // values the watchdog reads, the Keld service, the watchdog and agent processes and every log
 // file. Without FILE, QoWatchCtl-report-<computer>-<time>.txt in the current directory. Returns 0,
 // or 2 when the file cannot be written.
-int Report(const std::wstring& strFile);
+int Report(const std::wstring& strGiven);
 
 }  // namespace QoWatchCtl

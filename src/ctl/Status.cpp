@@ -19,7 +19,6 @@
 namespace QoWatchCtl {
 namespace {
 
-const wchar_t* const WATCHDOG_IMAGE = L"QoWatchDog.exe";
 const long long HOUR = 3600;
 
 bool SameText(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
@@ -210,7 +209,7 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
     const ProcessLog* pSupervisor = nullptr;
     for (const Process& p : processes) {
         const auto it = log.processes.find(p.dwPid);
-        if (!SameText(p.strName, WATCHDOG_IMAGE) || it == log.processes.end() || it->second.bRunKey ||
+        if (!SameText(p.strName, WATCHDOG_IMAGE_NAME) || it == log.processes.end() || it->second.bRunKey ||
             it->second.bFinished) {
             continue;
         }
@@ -303,10 +302,10 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
         }
     }
     for (const Process& p : processes) {
-        if (SameText(p.strName, L"explorer.exe")) {
+        if (SameText(p.strName, SHELL_IMAGE_NAME)) {
             sessions[p.dwSession].shells.push_back(p.dwPid);
         } else if ((bAgent && SameText(p.strImage, strAgent)) ||
-                   (!bAgent && agentPids.count(p.dwPid) != 0 && !SameText(p.strName, WATCHDOG_IMAGE))) {
+                   (!bAgent && agentPids.count(p.dwPid) != 0 && !SameText(p.strName, WATCHDOG_IMAGE_NAME))) {
             sessions[p.dwSession].agents.push_back(&p);
         }
     }
@@ -347,7 +346,7 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
             code = STATUS_CRASH_LOOP;
         } else if (!view.agents.empty()) {
             view.state = "running";
-        } else if (loadedMax >= 0 && view.shells.size() > 0) {
+        } else if (loadedMax >= 0 && !view.shells.empty()) {
             // A monitor starts agents only while it watches fewer than the limit.
             size_t inBatch = 0;
             for (const auto& other : sessions) {
@@ -383,7 +382,7 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
     const std::string keld = KeldState();
     std::vector<std::pair<const Process*, std::string>> watchdogs;
     for (const Process& p : processes) {
-        if (SameText(p.strName, WATCHDOG_IMAGE)) {
+        if (SameText(p.strName, WATCHDOG_IMAGE_NAME)) {
             const auto it = log.processes.find(p.dwPid);
             watchdogs.emplace_back(&p, p.dwPid == phase.dwSupervisor                     ? "supervisor"
                                        : p.dwPid == phase.dwSuccessor                    ? "successor"

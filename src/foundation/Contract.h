@@ -30,6 +30,8 @@
 // The platform service, the log and the agent's location in the platform directory.
 #define KELD_SERVICE_NAME L"Keld"
 #define LOG_FILE_NAME L"QoWatchDog.log"
+#define WATCHDOG_IMAGE_NAME L"QoWatchDog.exe"
+#define SHELL_IMAGE_NAME L"explorer.exe"
 #define SESSION_AGENT_INI L"Session_Agent.ini"
 #define SESSION_AGENT_SECTION L"Session_Agent"
 #define SESSION_AGENT_KEY_PATH L"Path"

@@ -7,6 +7,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "foundation/CRegKey.h"
+#include "foundation/Contract.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/ProcessSession.h"
 #include "foundation/logging.h"
@@ -25,7 +26,7 @@ bool EnumUserSession(std::vector<SessionRecord>& sessions) {
         return false;
     }
     do {
-        if (_wcsicmp(entry.szExeFile, L"explorer.exe") == 0) {
+        if (_wcsicmp(entry.szExeFile, SHELL_IMAGE_NAME) == 0) {
             DWORD dwSessionId = 0;
             // A shell that has exited meanwhile, or cannot be queried, is simply not listed.
             if (GetProcessSessionId(entry.th32ProcessID, dwSessionId)) {
@@ -64,7 +65,7 @@ bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
     }
     DWORD dwSessionId = 0;
     const bool bSession = GetProcessSessionId(record.dwExplorerPid, dwSessionId);
-    if (_wcsicmp(strName.c_str(), L"explorer.exe") == 0 && bSession && dwSessionId == record.dwSessionId) {
+    if (_wcsicmp(strName.c_str(), SHELL_IMAGE_NAME) == 0 && bSession && dwSessionId == record.dwSessionId) {
         return true;
     }
     LOG_ERROR(L"Shell process id=" << record.dwExplorerPid << L" of session " << record.dwSessionId
