@@ -2,11 +2,12 @@
 
 #include <windows.h>
 
-// One interactive user session, found by its explorer.exe. Copied by value; a new agent's handle
-// comes back in hAgentProcess and passes at once to the owner of the monitor's session table.
+// One interactive user session as discovery finds it, by its explorer.exe, and as registration
+// hands it to a monitor, which keeps its own record (CSessionAgentMonitor::CSession). Copied by
+// value. hAgentProcess and bOff serve CreateSessionAgent's callers only.
 struct SessionRecord {
     DWORD dwSessionId;     // session id of the session's explorer.exe
     DWORD dwExplorerPid;   // that explorer.exe; the agent is started with its token
-    HANDLE hAgentProcess;  // the agent started in the session; null while none runs
+    HANDLE hAgentProcess;  // the agent CreateSessionAgent started, for its caller to close
     bool bOff;             // the agent ended gracefully or could not be started again
 };

@@ -118,8 +118,8 @@ void CSessionAgentMonitor::StartMissingAgents() {
 }
 
 bool CSessionAgentMonitor::CreateAgent(DWORD dwSessionId, CSession& session) {
-    const SessionRecord rec = {dwSessionId, session.dwExplorerPid, nullptr, false};
-    return StartSessionAgent(m_pHost->GetAgentPath(), m_pHost->GetWorkingPath(), rec, session.agent);
+    return StartSessionAgent(m_pHost->GetAgentPath(), m_pHost->GetWorkingPath(), dwSessionId,
+                             session.dwExplorerPid, session.agent);
 }
 
 void CSessionAgentMonitor::ReleaseAgent(CSession& session) { session.agent.Close(); }

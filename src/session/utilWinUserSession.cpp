@@ -7,7 +7,6 @@
 #include <boost/shared_ptr.hpp>
 
 #include "foundation/CRegKey.h"
-#include "foundation/Contract.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/ProcessSession.h"
 #include "foundation/logging.h"
@@ -48,7 +47,7 @@ const DWORD IMAGE_PATH_MAX_CHARS = 32768;
 // A record keeps its shell's process id until its agent is started again, perhaps much later: by
 // then the id may name another user's process or a service. The token is taken only while the id
 // still names explorer.exe in the record's session.
-bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
+bool IsSessionShell(HANDLE hProcess, DWORD dwSessionId, DWORD dwExplorerPid) {
     std::wstring strName = L"an unknown program";
     // The image's full path, whatever its length: the buffer grows until the name fits.
     for (DWORD nSize = MAX_PATH; nSize <= IMAGE_PATH_MAX_CHARS; nSize *= 2) {
@@ -63,14 +62,13 @@ bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
             break;
         }
     }
-    DWORD dwSessionId = 0;
-    const bool bSession = GetProcessSessionId(record.dwExplorerPid, dwSessionId);
-    if (_wcsicmp(strName.c_str(), SHELL_IMAGE_NAME) == 0 && bSession && dwSessionId == record.dwSessionId) {
+    DWORD dwNowIn = 0;
+    const bool bSession = GetProcessSessionId(dwExplorerPid, dwNowIn);
+    if (_wcsicmp(strName.c_str(), SHELL_IMAGE_NAME) == 0 && bSession && dwNowIn == dwSessionId) {
         return true;
     }
-    LOG_ERROR(L"Shell process id=" << record.dwExplorerPid << L" of session " << record.dwSessionId
-                                   << L" now names " << strName << L" in session " << dwSessionId
-                                   << L": its token is not used");
+    LOG_ERROR(L"Shell process id=" << dwExplorerPid << L" of session " << dwSessionId << L" now names "
+                                   << strName << L" in session " << dwNowIn << L": its token is not used");
     return false;
 }
 
@@ -79,21 +77,21 @@ bool IsSessionShell(HANDLE hProcess, const SessionRecord& record) {
 bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
                         SessionRecord& record) {
     CKernelHandle agent;
-    if (!StartSessionAgent(agentPath, workingPath, record, agent)) {
+    if (!StartSessionAgent(agentPath, workingPath, record.dwSessionId, record.dwExplorerPid, agent)) {
         return false;
     }
     record.hAgentProcess = agent.Release();
     return true;
 }
 
-bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
-                       const SessionRecord& record, CKernelHandle& agent) {
-    const CKernelHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, record.dwExplorerPid));
+bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath, DWORD dwSessionId,
+                       DWORD dwExplorerPid, CKernelHandle& agent) {
+    const CKernelHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, dwExplorerPid));
     if (!explorer.IsValid()) {
         LOG_LAST_ERROR(L"OpenProcess Err=");
         return false;
     }
-    if (!IsSessionShell(explorer.Get(), record)) {
+    if (!IsSessionShell(explorer.Get(), dwSessionId, dwExplorerPid)) {
         return false;
     }
     CKernelHandle token;
@@ -120,11 +118,11 @@ bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workin
         LaunchInteractiveProcess(token.Get(), launched.Receive(), shpPath.get(), workingPath.c_str());
     if (bLaunched) {
         agent = std::move(launched);
-        LOG_INFO(L" Create Session Agent successfully session ID = " << record.dwSessionId);
+        LOG_INFO(L" Create Session Agent successfully session ID = " << dwSessionId);
     } else {
-        LOG_ERROR(L" Create Session Agent failed session ID = " << record.dwSessionId);
+        LOG_ERROR(L" Create Session Agent failed session ID = " << dwSessionId);
     }
-    LOG_INFO(L"Explorer.exe PID=" << record.dwExplorerPid);
+    LOG_INFO(L"Explorer.exe PID=" << dwExplorerPid);
     return bLaunched != FALSE;
 }
 

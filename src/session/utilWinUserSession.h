@@ -14,11 +14,11 @@
 // failure the list is left as it was.
 bool EnumUserSession(std::vector<SessionRecord>& sessions);
 
-// Starts agentPath in the session of record.dwExplorerPid, as the user of that explorer.exe, with
+// Starts agentPath in session dwSessionId as the user of its explorer.exe dwExplorerPid, with
 // workingPath as its current directory. On success the new process handle goes to agent, which owns
 // it; on failure agent is left as it was.
-bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
-                       const SessionRecord& record, CKernelHandle& agent);
+bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath, DWORD dwSessionId,
+                       DWORD dwExplorerPid, CKernelHandle& agent);
 // The same, the handle handed to the record, whose owner must close it.
 bool CreateSessionAgent(const std::wstring& agentPath, const std::wstring& workingPath,
                         SessionRecord& record);
