@@ -346,6 +346,10 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
             code = STATUS_CRASH_LOOP;
         } else if (!view.agents.empty()) {
             view.state = "running";
+            if (pKnown != nullptr && pKnown->eState == SessionLog::SUPERVISION_ENDED) {
+                view.why = "no longer restarted: supervision ended by " + pKnown->why + " at " +
+                           FormatTime(pKnown->since);
+            }
         } else if (loadedMax >= 0 && !view.shells.empty()) {
             // A monitor starts agents only while it watches fewer than the limit.
             size_t inBatch = 0;
@@ -448,9 +452,11 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
                            : "not loaded by a supervisor")
         << "\nInstallDir: " << installDir << "\nLog: " << Utf8(strLog)
         << (fallbackWhy.empty() ? "" : " (the fallback: " + fallbackWhy + ")")
-        << (bLog ? "" : "; cannot be read: " + logWhy) << "\nKeld service: " << keld
-        << "\nAgent: " << agentText << "\nSessions:" << (sessions.empty() ? " none with a shell" : "")
-        << "\n";
+        << (bLog                                                            ? ""
+            : GetFileAttributesW(strLog.c_str()) == INVALID_FILE_ATTRIBUTES ? " (not there yet)"
+                                                                            : " (" + logWhy + ")")
+        << "\nKeld service: " << keld << "\nAgent: " << agentText
+        << "\nSessions:" << (sessions.empty() ? " none with a shell" : "") << "\n";
     for (const auto& entry : sessions) {
         const SessionView& v = entry.second;
         out << "  session " << entry.first << ": shell";

@@ -201,7 +201,8 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ExpectCtl(L"status", 3,
               {"ending: asked to start Keld in its final wait, it waits for its agents to end (process " +
                    std::to_string(second.pid),
-               std::to_string(third.pid) + " successor"});
+               std::to_string(third.pid) + " successor",
+               "no longer restarted: supervision ended by the host process's end at 20"});
     ExpectCtl(L"terminate", 1, {"refused"});
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 0));
     EXPECT_EQ(0u, Exit(second));
