@@ -115,6 +115,26 @@ TEST(Log, LineFormCutsAndFaults) {
     EXPECT_EQ(1u, qt::ReadLog(path).lines.size());
 }
 
+// A line that meets a file-size limit is written short: it is cut back to the line before it and
+// counted, and told once there is room again. Only a limit on the process (ulimit -f) makes Wine
+// write short; the entry component.Log.ShortWrite sets one and names it in QO_FILE_SIZE_LIMIT.
+TEST(Log, ShortWriteCutBackAndTold) {
+    const char* limit = std::getenv("QO_FILE_SIZE_LIMIT");
+    if (limit == nullptr) {
+        GTEST_SKIP() << "runs under a file-size limit only: ctest -R component.Log.ShortWrite";
+    }
+    const std::wstring path = UseLog(L"short");
+    MakeFile(path, std::atol(limit) - 40);
+    LOG_INFO(L"a line longer than the 40 bytes of room left");
+    EXPECT_EQ(static_cast<size_t>(std::atol(limit) - 40), SizeOf(path)) << "cut back";
+    MakeFile(path, 0);
+    LOG_INFO(L"told");
+    const qt::Log log = qt::ReadLog(path);
+    ASSERT_EQ(2u, log.lines.size()) << qt::InOrder(log, {"?"});
+    EXPECT_EQ("1 log lines lost: the log could not be written, last error=112", log.lines[0].message);
+    EXPECT_EQ("told", log.lines[1].message);
+}
+
 TEST(Path, OnlyAWholeEntryIsFound) {
     struct Case {
         const wchar_t* path;
