@@ -135,6 +135,9 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
         EXPECT_EQ(std::string::npos, narrow.out.find(absent)) << absent << "\n" << narrow.out;
     }
     EXPECT_LT(narrow.out.find("could not be restarted"), narrow.out.find("request served: terminate"));
+    // Relative times count back from now; the log's own form is taken as given.
+    EXPECT_EQ(std::string::npos, Timeline({life}, {"--since", "-1h"}).out.find("supervisor started"));
+    EXPECT_NE(std::string::npos, Timeline({life}, {"--since", "-20000d"}).out.find("supervisor started"));
 
     // JSON Lines for scripts: one event a line, every restart of the loop, times with their offset.
     const Result json = Timeline({life}, {"--json", "--until", "Mon Nov 16 20:02:09 2026"});
@@ -184,6 +187,7 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     ExpectHas(run.out,
               {"is not a watchdog log: none of its 2 lines has the log's form", "(empty)", "is empty"});
     EXPECT_EQ(2, Timeline({}).code) << "the default log is missing";
+    EXPECT_EQ(1, Timeline({""}).code) << "an empty file holds no log line";
     const std::vector<std::vector<std::string>> wrong = {{"--since", "2026-13-45 99:99:99"},
                                                          {"--until", "2026-02-30"},
                                                          {"--session", "x"},
