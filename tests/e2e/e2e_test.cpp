@@ -101,13 +101,15 @@ TEST(Supervisor, WholeLife) {
         {"{\"phase\":\"serving\"", "\"exit_code\":6,\"supervisor_pid\":" + std::to_string(supervisor.pid),
          "\"state\":\"crash_loop\"", "last exit 0xC0000005 access violation", "\"crash_loop\":true",
          "\"se_agnt_max_num_loaded\":2147483647"});
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, qt::kAgentKey, qt::kImmediate);
+    ASSERT_TRUE(started.Wait());
     const std::wstring agentExe = qt::AgentDir() + L"\\QoSessionAgent.exe";
     ASSERT_TRUE(MoveFileW(agentExe.c_str(), (agentExe + L".moved").c_str()));
+    ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 1));
     ASSERT_TRUE(qt::WaitLog("Session Agent re-create failed"));
     ASSERT_TRUE(MoveFileW((agentExe + L".moved").c_str(), agentExe.c_str()));
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, qt::kAgentKey, qt::kImmediate);
     ExpectCtl(L"status", 7,
-              {"NO AGENT: its agent ended with exit 0xC0000005 access violation at 20",
+              {"NO AGENT: its agent ended with exit 0x1 at 20",
                "and could not be restarted: CreateProcessAsUser GetLastError=2"});
     const qt::Log afterFailure = qt::ReadLog();
     const qt::Proc newShell = qt::StartHelper(L"explorer.exe", L"idle");
@@ -161,7 +163,7 @@ TEST(Supervisor, WholeLife) {
                "session 1: on again", "request served: stop", "ERROR Log writer mutex",
                "session 1: CRASH LOOP: restarted",
                "session 1: agent ended, exit 0xC0000005 access violation; restarted",
-               "exit 0xC0000005 access violation, could not be restarted: CreateProcessAsUser GetLastError=2",
+               "session 1: agent ended, exit 0x1, could not be restarted: CreateProcessAsUser GetLastError=2",
                "session 1: loses its agent (pid", "0 agent exit(s) not attributed"});
     // The reinstall wakes it for the deletion, then once or twice more as the key and its value
     // come back before or after the gate watches again.
