@@ -82,16 +82,26 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
         L(0, 5, 10, "session (1) is on again.") + Started(0, 5, 10, 22, 1) +
         L(0, 6, 10,
           "Shell process id=7 of session 2 now names svchost.exe in session 0: its token is not used", true) +
-        L(0, 6, 10, "OpenProcess Err=87", true) +
+        L(0, 6, 10, "OpenProcess Err=87", true) + L(0, 6, 10, "Gr\xC3\xBC\xC3\x9F \xFF", true) +
         L(0, 7, 10, "3 log lines lost: the log could not be written, last error=32", true);
     for (int i = 0; i < 5; ++i) {  // session 3 crashes five times within a minute
         life += Exit(1, 10 * i, 10, 0, "1") + Started(1, 10 * i, 10, 40 + i, 3);
+    }
+    // Six restarts each of sessions 5 and 6, no crash loop: 5's change their exit code half-way,
+    // 6's are parted by an event of the session.
+    for (int i = 0; i < 6; ++i) {
+        life += Exit(1, 50, 10, 0, i < 3 ? "1" : "2") + Started(1, 50, 10, 60 + i, 5) +
+                (i == 3 ? L(1, 50, 10, "session (6) is on again.") : "") + Exit(1, 50, 10, 0, "1") +
+                Started(1, 50, 10, 70 + i, 6);
     }
     life += Exit(2, 0, 10, 0, "1") + L(2, 0, 10, "CreateProcessAsUser GetLastError=2", true) +
             L(2, 0, 10, " Create Session Agent failed session ID = 3", true) +
             L(2, 0, 10, "session (3) is off.") + L(2, 0, 10, "Session Agent re-create failed", true) +
             Exit(2, 5, 10, 1, "0") + L(2, 9, 10, "Product Adapter Terminate Event!!") +
             L(2, 9, 10, "Watch Dog finished") +
+            // A run-key instance after the exit at 20:02:05, which is told only at its process's end.
+            L(2, 9, 30, "Start Watch Dog") + L(2, 9, 30, "Watch Dog started by runkey") +
+            L(2, 10, 30, "Exit Watch Dog From Run Key. nRet=0") +
             // The process id used again: the earlier exit stays unattributed, the start is a start.
             L(3, 0, 10, "Start Watch Dog") + L(3, 0, 10, "Watch Dog started") + Started(3, 1, 10, 50, 4);
     const Result run = Timeline({life});
@@ -119,13 +129,15 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "session 1: loses its agent (pid 22): a terminate request; it is not restarted",
          "ended (exit code 0)",
          "20:03:01  [10] session 4: agent started (pid 50)",
-         "2 supervisor start(s), 1 run-key instance(s), 7 error(s), 1 agent exit(s) not attributed to a "
+         "2 supervisor start(s), 2 run-key instance(s), 8 error(s), 1 agent exit(s) not attributed to a "
          "session, 3 line(s) the watchdog could not write",
          "session 1: 3 agent start(s), 1 restart(s), 1 ungraceful end(s), 1 graceful end(s), 1 off, 1 "
          "on again",
          "session 3: 5 agent start(s), 5 restart(s), 6 ungraceful end(s), 0 graceful end(s), 1 off, 0 "
          "on again, 1 failed start(s), CRASH LOOP"});
     EXPECT_EQ(std::string::npos, run.out.find("(pid 42)")) << "folded into the crash loop";
+    EXPECT_EQ(run.out.find("CRASH LOOP:"), run.out.rfind("CRASH LOOP:")) << "sessions 5 and 6 are not";
+    EXPECT_LT(run.out.find("20:02:05  [10] an agent ended"), run.out.find("20:02:09  [30] run-key"));
 
     // Narrowed to session 3 from 20:01:30 on: its end and the supervisor's events, in time order;
     // nothing of other sessions, no exit it cannot place.
@@ -148,7 +160,7 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
                "\"graceful\":false,\"agent_pid\":21,",
                "\"event\":\"crash_loop\",\"pid\":10,\"session\":3,\"exit_code\":1,",
                "\"count\":5,\"until\":\"2026-11-16T20:01:40", "\"agent_pid\":44,",
-               "\"event\":\"supervision_ended\""});
+               "\"event\":\"supervision_ended\"", "\"message\":\"Gr\xC3\xBC\xC3\x9F \\u00FF\"}"});
     EXPECT_EQ(std::string::npos, json.out.find("session 4")) << "until 20:02:09";
     std::istringstream lines(json.out);
     for (std::string line; std::getline(lines, line);) {
