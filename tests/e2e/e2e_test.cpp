@@ -73,6 +73,7 @@ TEST(Supervisor, WholeLife) {
 
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 0xC0000142));
     ASSERT_TRUE(qt::WaitLog("No session to monitor."));
+    ExpectCtl(L"status", 0, {"no agent: its agent ended gracefully with exit 0xC0000142 DLL initialization"});
     EXPECT_EQ(0u, Exit(qt::StartWatchDog(L"")));
     ASSERT_TRUE(qt::WaitLog("Session Reload!!"));
     const qt::Proc shell = qt::StartHelper(L"explorer.exe", L"idle");
