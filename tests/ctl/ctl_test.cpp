@@ -137,6 +137,7 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "on again, 1 failed start(s), CRASH LOOP"});
     EXPECT_EQ(std::string::npos, run.out.find("(pid 42)")) << "folded into the crash loop";
     EXPECT_EQ(run.out.find("CRASH LOOP:"), run.out.rfind("CRASH LOOP:")) << "sessions 5 and 6 are not";
+    ExpectHas(run.out, {"20:02:09  [30] run-key instance: asked the supervisor to reload"});
     EXPECT_LT(run.out.find("20:02:05  [10] an agent ended"), run.out.find("20:02:09  [30] run-key"));
 
     // Narrowed to session 3 from 20:01:30 on: its end and the supervisor's events, in time order;
@@ -191,9 +192,13 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     for (const char c : L(0, 0, 10, "Watch Dog started")) {
         utf16 += std::string(1, c) + '\0';
     }
-    run = Timeline({utf16});
+    run = Timeline({utf16,
+                    "[Tue Jan 05 10:00:00 2027][10][Pellisk][.\\x][1][INFO]Watch Dog started\r\n"
+                    "[Tue Feb 29 10:00:00 2028][10][Pellisk][.\\x][1][INFO]Watch Dog finished\r\n"});
     EXPECT_EQ(0, run.code) << run.out;
-    ExpectHas(run.out, {"supervisor started", "Summary: 1 log lines, 0 malformed"});
+    ExpectHas(run.out,
+              {"2026-11-16 20:00:00  [10] supervisor started", "2027-01-05 10:00:00  [10] supervisor started",
+               "2028-02-29 10:00:00  [10] ended", "Summary: 3 log lines, 0 malformed"});
     run = Timeline({"not a log\nat all\n", ""});
     EXPECT_EQ(1, run.code);
     ExpectHas(run.out,
@@ -248,6 +253,7 @@ TEST(Timeline, FollowsTheLogAcrossACut) {
     EXPECT_EQ(3, step);
     const std::vector<std::string> order = {"supervisor started", "request served: reload", "was cut",
                                             "ended (exit code 0)", "Summary: 3 log lines"};
+    ExpectHas(run.out, order);
     for (size_t i = 1; i < order.size(); ++i) {
         EXPECT_LT(run.out.find(order[i - 1]), run.out.find(order[i])) << order[i] << "\n" << run.out;
     }
