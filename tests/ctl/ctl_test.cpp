@@ -82,7 +82,7 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
         L(0, 5, 10, "session (1) is on again.") + Started(0, 5, 10, 22, 1) +
         L(0, 6, 10,
           "Shell process id=7 of session 2 now names svchost.exe in session 0: its token is not used", true) +
-        L(0, 6, 10, "OpenProcess Err=87", true) + L(0, 6, 10, "Gr\xC3\xBC\xC3\x9F \xFF", true) +
+        L(0, 6, 10, "OpenProcess Err=87", true) + L(0, 6, 10, "Gr\xC3\xBC\xC3\x9F \"q\" \\ \xFF", true) +
         L(0, 7, 10, "3 log lines lost: the log could not be written, last error=32", true);
     for (int i = 0; i < 5; ++i) {  // session 3 crashes five times within a minute
         life += Exit(1, 10 * i, 10, 0, "1") + Started(1, 10 * i, 10, 40 + i, 3);
@@ -154,14 +154,15 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
 
     // JSON Lines for scripts: one event a line, every restart of the loop, times with their offset.
     const Result json = Timeline({life}, {"--json", "--until", "Mon Nov 16 20:02:09 2026"});
-    ExpectHas(json.out,
-              {"{\"time\":\"2026-11-16T20:00:02",
-               "\"event\":\"agent_restarted\",\"pid\":10,\"session\":1,"
-               "\"exit_code\":3221225477,\"exit_hex\":\"0xC0000005\",\"exit_name\":\"access violation\","
-               "\"graceful\":false,\"agent_pid\":21,",
-               "\"event\":\"crash_loop\",\"pid\":10,\"session\":3,\"exit_code\":1,",
-               "\"count\":5,\"until\":\"2026-11-16T20:01:40", "\"agent_pid\":44,",
-               "\"event\":\"supervision_ended\"", "\"message\":\"Gr\xC3\xBC\xC3\x9F \\u00FF\"}"});
+    ExpectHas(
+        json.out,
+        {"{\"time\":\"2026-11-16T20:00:02",
+         "\"event\":\"agent_restarted\",\"pid\":10,\"session\":1,"
+         "\"exit_code\":3221225477,\"exit_hex\":\"0xC0000005\",\"exit_name\":\"access violation\","
+         "\"graceful\":false,\"agent_pid\":21,",
+         "\"event\":\"crash_loop\",\"pid\":10,\"session\":3,\"exit_code\":1,",
+         "\"count\":5,\"until\":\"2026-11-16T20:01:40", "\"agent_pid\":44,",
+         "\"event\":\"supervision_ended\"", "\"message\":\"Gr\xC3\xBC\xC3\x9F \\\"q\\\" \\\\ \\u00FF\"}"});
     EXPECT_EQ(std::string::npos, json.out.find("session 4")) << "until 20:02:09";
     std::istringstream lines(json.out);
     for (std::string line; std::getline(lines, line);) {
