@@ -148,7 +148,8 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
         EXPECT_EQ(std::string::npos, narrow.out.find(absent)) << absent << "\n" << narrow.out;
     }
     EXPECT_LT(narrow.out.find("could not be restarted"), narrow.out.find("request served: terminate"));
-    // Relative times count back from now; the log's own form is taken as given.
+    // --since takes its own second; relative times count back from now.
+    ExpectHas(Timeline({life}, {"--since", "2026-11-16T20:02:09"}).out, {"request served: terminate"});
     EXPECT_EQ(std::string::npos, Timeline({life}, {"--since", "-1h"}).out.find("supervisor started"));
     EXPECT_NE(std::string::npos, Timeline({life}, {"--since", "-20000d"}).out.find("supervisor started"));
 
