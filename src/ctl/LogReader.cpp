@@ -137,6 +137,20 @@ std::string FromUtf16Le(const std::string& bytes) {
     return out;
 }
 
+// Moves the whole lines at the front of text, without their line ends, to lines; what follows the
+// last line end stays in text.
+void SplitLines(std::string& text, std::vector<std::string>& lines) {
+    size_t start = 0;
+    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
+        lines.push_back(text.substr(start, end - start - (end > start && text[end - 1] == '\r' ? 1 : 0)));
+        start = end + 1;
+    }
+    text.erase(0, start);
+}
+
+// The bytes of a log compared to tell a cut.
+const size_t HEAD_BYTES = 64;
+
 }  // namespace
 
 long long CivilSeconds(long long y, long long mon, long long d, long long h, long long min, long long s) {
@@ -309,14 +323,39 @@ bool ReadLines(const std::string& path, std::vector<std::string>& lines, std::st
         text.erase(0, 3);
     }
     lines.clear();
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        end = end == std::string::npos ? text.size() : end;
-        lines.push_back(text.substr(start, end - start - (end > start && text[end - 1] == '\r' ? 1 : 0)));
-        start = end + 1;
+    SplitLines(text, lines);
+    if (!text.empty()) {  // a last line without its line end
+        if (text.back() == '\r') {
+            text.pop_back();
+        }
+        lines.push_back(text);
     }
     return true;
+}
+
+CLogTail::CLogTail(std::string path, unsigned long long offset) : m_path(std::move(path)), m_offset(offset) {}
+
+std::vector<std::string> CLogTail::Read(bool& bCut) {
+    std::ifstream in(std::filesystem::u8path(m_path), std::ios::binary | std::ios::ate);
+    const unsigned long long size = in ? static_cast<unsigned long long>(in.tellg()) : 0;
+    std::string head(static_cast<size_t>(std::min<unsigned long long>(size, HEAD_BYTES)), '\0');
+    in.seekg(0);
+    in.read(&head[0], static_cast<std::streamsize>(head.size()));
+    bCut = size < m_offset || head.compare(0, m_head.size(), m_head) != 0;
+    if (bCut) {
+        m_offset = 0;
+        m_partial.clear();
+    }
+    // Only what was appended is read.
+    std::string appended(static_cast<size_t>(size - m_offset), '\0');
+    in.seekg(static_cast<std::streamoff>(m_offset));
+    in.read(&appended[0], static_cast<std::streamsize>(appended.size()));
+    m_offset = size;
+    m_head = head;
+    m_partial += appended;
+    std::vector<std::string> lines;
+    SplitLines(m_partial, lines);
+    return lines;
 }
 
 std::vector<std::string> LogAndRotated(const std::string& log) {

@@ -44,6 +44,23 @@ long long ParseTime(const std::string& text);
 // mark) is converted. False with the reason for a folder, an unreadable file or UTF-16 BE.
 bool ReadLines(const std::string& path, std::vector<std::string>& lines, std::string& why);
 
+// What is appended to a log, in whole lines, as tail -F reads it. After a cut (the file deleted or
+// moved aside and a new one begun: it is shorter, or starts otherwise, than what was read) it reads
+// the new file from its start.
+class CLogTail {
+public:
+    explicit CLogTail(std::string path, unsigned long long offset = 0);
+
+    // The whole lines appended since the last call (or since offset); bCut tells of a cut before them.
+    std::vector<std::string> Read(bool& bCut);
+
+private:
+    std::string m_path;
+    std::string m_head;     // the file's first bytes as last read
+    std::string m_partial;  // a line not yet ended
+    unsigned long long m_offset;
+};
+
 // The files the watchdog rotated beside this log ("QoWatchDog.log<seconds>"), oldest first, then
 // the log itself when it exists.
 std::vector<std::string> LogAndRotated(const std::string& log);

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <ostream>
 
 #include "ctl/FileWatch.h"
@@ -562,38 +561,6 @@ long long FirstTime(const std::vector<std::string>& lines) {
     return -1;
 }
 
-// Follows the growing log as tail -F does: lines appended, a cut (the file deleted or renamed and
-// a new one begun: its start differs from what was read) read from the start of the new file.
-class CFollower {
-public:
-    explicit CFollower(const std::string& path) : m_path(path) {}
-
-    template <class TAdd>
-    void Read(TAdd add) {
-        std::ifstream in(std::filesystem::u8path(m_path), std::ios::binary);
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        if (text.size() < m_offset || text.compare(0, m_head.size(), m_head) != 0) {
-            add("== " + m_path + " was cut: reading the new file from its start", false);
-            m_offset = 0;
-            m_partial.clear();
-        }
-        m_partial += text.substr(m_offset);
-        m_offset = text.size();
-        m_head = text.substr(0, std::min<size_t>(text.size(), 64));
-        size_t start = 0;
-        for (size_t end = m_partial.find('\n'); end != std::string::npos; end = m_partial.find('\n', start)) {
-            add(m_partial.substr(start, end - start - (end > start && m_partial[end - 1] == '\r' ? 1 : 0)),
-                true);
-            start = end + 1;
-        }
-        m_partial.erase(0, start);
-    }
-
-private:
-    std::string m_path, m_head, m_partial;
-    size_t m_offset = 0;
-};
-
 }  // namespace
 
 std::string ExitName(unsigned long code) {
@@ -706,18 +673,18 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
         // The watch begins before the first read, so nothing written meanwhile is missed.
         const std::string path = inputs[order.back()].second;
         CFileWatch watch(std::filesystem::u8path(path).parent_path().u8string());
-        CFollower follower(path);
+        CLogTail tail(path);
         size_t number = 0;
-        const auto add = [&](const std::string& text, bool bLine) {
-            if (bLine) {
-                timeline.Add(path, ++number, text);
-            } else {
-                number = 0;
-                err << "log: " << text << "\n";
-            }
-        };
         do {
-            follower.Read(add);
+            bool bCut = false;
+            const std::vector<std::string> lines = tail.Read(bCut);
+            if (bCut) {
+                number = 0;
+                err << "log: == " << path << " was cut: reading the new file from its start\n";
+            }
+            for (const std::string& text : lines) {
+                timeline.Add(path, ++number, text);
+            }
             timeline.Flush(false);
             for (const Entry& e : timeline.Take()) {
                 Print(out, e, o);

@@ -4,8 +4,8 @@
 // of it into one file for a ticket.
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -72,17 +72,16 @@ bool Served(const Request& request, DWORD dwSupervisor, const std::wstring& strL
             long nSeconds) {
     const ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(nSeconds) * 1000;
     CFileWatch watch(std::filesystem::path(strLog).parent_path().u8string());
+    CLogTail tail(Utf8(strLog), offset);
     for (;;) {
-        std::ifstream in(std::filesystem::path(strLog), std::ios::binary);
-        in.seekg(static_cast<std::streamoff>(offset));
-        Line line;
-        std::string why;
-        for (std::string text; std::getline(in, text);) {
-            text.erase(text.find_last_not_of('\r') + 1);
-            for (const char* pszServed : request.served) {
-                if (ParseLine(text, line, why) && line.pid == dwSupervisor && line.message == pszServed) {
-                    return true;
-                }
+        bool bCut = false;
+        for (const std::string& text : tail.Read(bCut)) {
+            Line line;
+            std::string why;
+            if (ParseLine(text, line, why) && line.pid == dwSupervisor &&
+                std::find(request.served.begin(), request.served.end(), line.message) !=
+                    request.served.end()) {
+                return true;
             }
         }
         const ULONGLONG now = GetTickCount64();
