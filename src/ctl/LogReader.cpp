@@ -170,8 +170,9 @@ bool ParseLine(const std::string& text, Line& line, std::string& why) {
         R"(\[(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 0-3]\d \d\d:\d\d:\d\d \d{4}\])");
     std::smatch m;
     const int month = std::regex_match(text, m, s_form) ? MonthOf(m[1]) : 0;
-    const long long y = month != 0 ? std::stoll(m[6]) : 0, d = month != 0 ? std::stoll(m[2]) : 0;
-    if (month == 0 || !ValidCivil(y, month, d, std::stoll(m[3]), std::stoll(m[4]), std::stoll(m[5]))) {
+    const auto field = [&m, month](int i) { return month != 0 ? std::stoll(m[i]) : 0LL; };
+    const long long y = field(6), d = field(2), h = field(3), min = field(4), s = field(5);
+    if (month == 0 || !ValidCivil(y, month, d, h, min, s)) {
         why = "not in the log's form";
         return false;
     }
@@ -189,7 +190,7 @@ bool ParseLine(const std::string& text, Line& line, std::string& why) {
         why = "not in the log's form";
         return false;
     }
-    line.seconds = CivilSeconds(y, month, d, std::stoll(m[3]), std::stoll(m[4]), std::stoll(m[5]));
+    line.seconds = CivilSeconds(y, month, d, h, min, s);
     line.pid = static_cast<unsigned long>(pid);
     line.error = m[8] == "ERROR";
     return true;

@@ -15,8 +15,6 @@ namespace {
 
 const size_t RECENT_ERRORS = 5;
 
-bool IsGraceful(unsigned long code) { return code == 0 || code == 0xC0000142 || code == 0x40010004; }
-
 std::string Hex(unsigned long code) {
     char text[24];
     std::snprintf(text, sizeof(text), "0x%lX", code);
@@ -64,6 +62,7 @@ struct Entry {
     long long session = -1;
     std::string event, text, message;
     long long exitCode = -1, count = -1, until = -1;
+    bool graceful = false;  // as the exit line says
     unsigned long agentPid = 0;
 };
 
@@ -110,8 +109,8 @@ public:
     // Restarts held back for a crash loop; at the end also the exits still waiting for the line
     // that names their session.
     void Flush(bool bEnd) {
-        for (auto& work : m_work) {
-            if (bEnd) {
+        if (bEnd) {
+            for (auto& work : m_work) {
                 Unattributed(work.first, work.second);
             }
         }
@@ -191,6 +190,7 @@ private:
                                   FormatTime(run.back().seconds).substr(11) + ", exit " + ExitName(code));
             loop.seq = run.front().seq;
             loop.exitCode = run.front().exitCode;
+            loop.graceful = run.front().graceful;
             loop.count = static_cast<long long>(run.size());
             loop.until = run.back().seconds;
             m_entries.push_back(loop);
@@ -208,6 +208,7 @@ private:
                 exit.seconds, pid, -1, "agent_exit_unattributed",
                 "an agent ended, exit " + ExitName(exit.code) + "; the log does not tell in which session");
             e.exitCode = exit.code;
+            e.graceful = exit.graceful;
             Put(e);
         }
         work.pending.clear();
@@ -219,6 +220,7 @@ private:
             Make(exit.seconds, pid, session, event,
                  "agent ended, exit " + ExitName(exit.code) + (exit.graceful ? " (graceful)" : "") + what);
         e.exitCode = exit.code;
+        e.graceful = exit.graceful;
         return e;
     }
 
@@ -265,9 +267,9 @@ private:
             return;
         }
         // A failed start and a shell check name the session whose agent was not started.
-        const long long id =
-            NumberAfter(msg, "failed session ID = ", n) || NumberAfter(msg, " of session ", n) ? n : -1;
-        if (msg.find("failed session ID = ") != std::string::npos) {
+        const bool bFailed = NumberAfter(msg, "failed session ID = ", n);
+        const long long id = bFailed || NumberAfter(msg, " of session ", n) ? n : -1;
+        if (bFailed) {
             ++m_counts[id].failures;
             SessionLog& s = process.sessions[id];
             s.eState = SessionLog::START_FAILED;
@@ -425,13 +427,12 @@ private:
             if (msg != event.message) {
                 continue;
             }
-            m_supervisors += msg == "Watch Dog started" ? 1 : 0;
-            process.bHandOver = msg == "event BREVANT_START_KELD_WITHOUT_UAC exists" ||
-                                (process.bHandOver && event.event != std::string("hand_over_done"));
-            process.bKeldAsked =
-                process.bKeldAsked || msg == "Start KELD service." || msg == "KELD service is running.";
-            process.bFinished = process.bFinished || msg == "Watch Dog finished";
-            process.lastEvent = msg;
+            const std::string id = event.event;
+            m_supervisors += id == "supervisor_started" ? 1 : 0;
+            process.bHandOver = id == "hand_over" || (process.bHandOver && id != "hand_over_done");
+            process.bKeldAsked = process.bKeldAsked || id == "keld_start_asked" || id == "keld_running";
+            process.bFinished = process.bFinished || id == "ended";
+            process.lastEvent = id;
             Put(Make(line.seconds, line.pid, -1, event.event, event.text));
             if (event.ends != nullptr) {
                 SupervisionEnds(line, process, event.ends);
@@ -485,7 +486,7 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
         const unsigned long code = static_cast<unsigned long>(e.exitCode);
         out << ",\"exit_code\":" << code << ",\"exit_hex\":" << JsonString(Hex(code))
             << ",\"exit_name\":" << JsonString(ExitWord(code))
-            << ",\"graceful\":" << (IsGraceful(code) ? "true" : "false");
+            << ",\"graceful\":" << (e.graceful ? "true" : "false");
     }
     if (e.agentPid != 0) {
         out << ",\"agent_pid\":" << e.agentPid;

@@ -42,7 +42,7 @@ struct ProcessLog {
     bool bHandOver = false;       // waits for a predecessor in its final wait to end
     bool bKeldAsked = false;      // in its final wait, asked to start Keld
     long long seAgntMaxNum = -1;  // as it loaded it, once
-    std::string lastEvent;        // its last line of the main loop's or the shutdown's
+    std::string lastEvent;        // the event of its last such line: request_stop, host_ended, ended...
     std::map<long long, SessionLog> sessions;
 };
 

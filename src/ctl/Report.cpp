@@ -5,12 +5,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "ctl/LogReader.h"
 #include "ctl/Status.h"
+#include "foundation/CRegKey.h"
 #include "foundation/Contract.h"
-#include "foundation/ScopedHandle.h"
 
 #ifndef QO_VERSION
 #error "QO_VERSION: the project version, given by the build"
@@ -22,9 +21,8 @@ namespace {
 // Every value of a key under HKEY_LOCAL_MACHINE: "name = data (type)".
 void Values(std::ostream& out, const wchar_t* pszKey) {
     out << "HKLM\\" << Utf8(pszKey) << ":\n";
-    CRegKeyHandle key;
-    const LONG lOpen =
-        RegOpenKeyExW(HKEY_LOCAL_MACHINE, pszKey, 0, KEY_READ | KEY_WOW64_64KEY, key.Receive());
+    CRegKey key;
+    const LONG lOpen = key.Open(HKEY_LOCAL_MACHINE, pszKey, KEY_READ);
     if (lOpen != ERROR_SUCCESS) {
         out << "  cannot be opened (error " << lOpen << ": " << Win32Meaning(lOpen) << ")\n";
         return;
@@ -33,7 +31,7 @@ void Values(std::ostream& out, const wchar_t* pszKey) {
         wchar_t szName[16384];
         BYTE data[8192] = {};
         DWORD nName = 16384, cbData = sizeof(data) - sizeof(wchar_t), dwType = 0;
-        const LONG lEnum = RegEnumValueW(key.Get(), i, szName, &nName, nullptr, &dwType, data, &cbData);
+        const LONG lEnum = RegEnumValueW(key.GetHandle(), i, szName, &nName, nullptr, &dwType, data, &cbData);
         if (lEnum == ERROR_NO_MORE_ITEMS) {
             break;
         }

@@ -6,7 +6,6 @@
 #include <map>
 #include <ostream>
 #include <set>
-#include <sstream>
 
 #include "ctl/LogReader.h"
 #include "foundation/AgentLocation.h"
@@ -83,7 +82,6 @@ std::string KeldState() {
     return status.dwCurrentState < 8 ? s_states[status.dwCurrentState] : "?";
 }
 
-std::string Json(const std::string& text) { return JsonString(text); }
 std::string JsonTime(long long seconds) {
     return seconds < 0 ? "null" : JsonString(FormatTime(seconds, true));
 }
@@ -181,7 +179,7 @@ std::wstring LogPath(std::string& fallbackWhy) {
         // The watchdog makes the debug folder when it is missing; that fails when its parent is
         // missing, or when a file has the folder's name.
         const DWORD dwDebug = GetFileAttributesW(strDir.c_str());
-        const DWORD dwParent = GetFileAttributesW(strDir.substr(0, strDir.size() - 6).c_str());
+        const DWORD dwParent = GetFileAttributesW(strDir.substr(0, strDir.find_last_of(L'\\')).c_str());
         if (dwDebug != INVALID_FILE_ATTRIBUTES
                 ? (dwDebug & FILE_ATTRIBUTE_DIRECTORY) != 0
                 : dwParent != INVALID_FILE_ATTRIBUTES && (dwParent & FILE_ATTRIBUTE_DIRECTORY) != 0) {
@@ -250,14 +248,13 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
             {EVENT_ID_BREVANT_TERMINATE_WATCHDOG});
     } else if (!EventExists(EVENT_ID_BREVANT_WATCHDOG_RELOAD)) {
         set(STATUS_AT_GATE, "starting", "starting: registering the sessions", {});
-    } else if (last == "Update Event!!" ||
+    } else if (last == "request_update" ||
                (pSupervisor == nullptr && ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD))) {
         // The event may stay set after its supervisor has ended, while another process holds it.
         set(STATUS_STOPPED, "update", "closing for an update: agents kept until the close event is set", {});
-    } else if (last == "Product Adapter Terminate Event!!") {
+    } else if (last == "request_terminate") {
         set(STATUS_STOPPED, "terminating", "terminating: waits for its agents to end, then ends", {});
-    } else if (last == "Close Session Agent and Waiting Event!!" ||
-               last == "Product Adapter Ombrine Crash Event!!") {
+    } else if (last == "request_close_and_wait" || last == "host_ended") {
         set(STATUS_FINAL_WAIT, "closing_agents",
             "closing its agents: waits for them to end, then sits in its final wait", {});
     } else if (ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE)) {
@@ -396,26 +393,27 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
     }
 
     if (bJson) {
-        out << "{\"phase\":" << Json(phase.id) << ",\"phase_text\":" << Json(phase.text)
+        out << "{\"phase\":" << JsonString(phase.id) << ",\"phase_text\":" << JsonString(phase.text)
             << ",\"exit_code\":" << phase.nCode << ",\"supervisor_pid\":" << phase.dwSupervisor
             << ",\"watchdog_processes\":[";
         for (size_t i = 0; i < watchdogs.size(); ++i) {
             out << (i ? "," : "") << "{\"pid\":" << watchdogs[i].first->dwPid
-                << ",\"role\":" << Json(watchdogs[i].second)
+                << ",\"role\":" << JsonString(watchdogs[i].second)
                 << ",\"started\":" << JsonTime(watchdogs[i].first->started) << "}";
         }
-        out << "],\"set_start_event\":" << Json(gateText) << ",\"gate_opens\":" << (bOpens ? "true" : "false")
-            << ",\"se_agnt_max_num\":" << Json(maxText)
+        out << "],\"set_start_event\":" << JsonString(gateText)
+            << ",\"gate_opens\":" << (bOpens ? "true" : "false")
+            << ",\"se_agnt_max_num\":" << JsonString(maxText)
             << ",\"se_agnt_max_num_loaded\":" << (loadedMax >= 0 ? std::to_string(loadedMax) : "null")
-            << ",\"install_dir\":" << Json(installDir) << ",\"log\":" << Json(Utf8(strLog))
-            << ",\"log_fallback\":" << (fallbackWhy.empty() ? "null" : Json(fallbackWhy))
-            << ",\"keld_service\":" << Json(keld) << ",\"agent\":" << (bAgent ? Json(agentText) : "null")
-            << ",\"sessions\":[";
+            << ",\"install_dir\":" << JsonString(installDir) << ",\"log\":" << JsonString(Utf8(strLog))
+            << ",\"log_fallback\":" << (fallbackWhy.empty() ? "null" : JsonString(fallbackWhy))
+            << ",\"keld_service\":" << JsonString(keld)
+            << ",\"agent\":" << (bAgent ? JsonString(agentText) : "null") << ",\"sessions\":[";
         bool bFirst = true;
         for (const auto& entry : sessions) {
             const SessionView& v = entry.second;
-            out << (bFirst ? "" : ",") << "{\"session\":" << entry.first << ",\"state\":" << Json(v.state)
-                << ",\"shells\":[";
+            out << (bFirst ? "" : ",") << "{\"session\":" << entry.first
+                << ",\"state\":" << JsonString(v.state) << ",\"shells\":[";
             for (size_t i = 0; i < v.shells.size(); ++i) {
                 out << (i ? "," : "") << v.shells[i];
             }
@@ -426,12 +424,12 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
             }
             out << "],\"restarts_last_hour\":" << v.restartsLastHour
                 << ",\"crash_loop\":" << (v.bCrashLoop ? "true" : "false")
-                << ",\"why\":" << (v.why.empty() ? "null" : Json(v.why)) << "}";
+                << ",\"why\":" << (v.why.empty() ? "null" : JsonString(v.why)) << "}";
             bFirst = false;
         }
         out << "],\"recent_errors\":[";
         for (size_t i = 0; i < log.recentErrors.size(); ++i) {
-            out << (i ? "," : "") << Json(log.recentErrors[i]);
+            out << (i ? "," : "") << JsonString(log.recentErrors[i]);
         }
         out << "]}\n";
         return phase.nCode;
