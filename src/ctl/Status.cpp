@@ -11,6 +11,7 @@
 #include "foundation/AgentLocation.h"
 #include "foundation/CRegKey.h"
 #include "foundation/LogLocation.h"
+#include "foundation/ProcessImage.h"
 #include "foundation/ScopedHandle.h"
 #include "foundation/kernel_objects.h"
 #include "session/SessionAgentMonitor.h"
@@ -158,10 +159,8 @@ std::vector<Process> Processes() {
         p.strName = entry.szExeFile;
         ProcessIdToSessionId(p.dwPid, &p.dwSession);
         const CKernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, p.dwPid));
-        std::wstring strImage(MAX_PATH, L'\0');
-        DWORD nChars = static_cast<DWORD>(strImage.size());
-        if (process.IsValid() && QueryFullProcessImageNameW(process.Get(), 0, &strImage[0], &nChars)) {
-            p.strImage = strImage.substr(0, nChars);
+        if (process.IsValid()) {
+            GetProcessImagePath(process.Get(), p.strImage);
         }
         FILETIME created = {}, exited = {}, kernel = {}, user = {};
         if (process.IsValid() && GetProcessTimes(process.Get(), &created, &exited, &kernel, &user)) {

@@ -8,6 +8,7 @@
 
 #include "foundation/CRegKey.h"
 #include "foundation/ScopedHandle.h"
+#include "foundation/ProcessImage.h"
 #include "foundation/ProcessSession.h"
 #include "foundation/logging.h"
 #include "session/utilInteractiveProcess.h"
@@ -41,26 +42,14 @@ bool EnumUserSession(std::vector<SessionRecord>& sessions) {
 
 namespace {
 
-// The longest path Windows gives a file, in characters.
-const DWORD IMAGE_PATH_MAX_CHARS = 32768;
-
 // A record keeps its shell's process id until its agent is started again, perhaps much later: by
 // then the id may name another user's process or a service. The token is taken only while the id
 // still names explorer.exe in the record's session.
 bool IsSessionShell(HANDLE hProcess, DWORD dwSessionId, DWORD dwExplorerPid) {
     std::wstring strName = L"an unknown program";
-    // The image's full path, whatever its length: the buffer grows until the name fits.
-    for (DWORD nSize = MAX_PATH; nSize <= IMAGE_PATH_MAX_CHARS; nSize *= 2) {
-        std::wstring strImage(nSize, L'\0');
-        DWORD nChars = nSize;
-        if (QueryFullProcessImageNameW(hProcess, 0, &strImage[0], &nChars)) {
-            strImage.resize(nChars);
-            strName = strImage.substr(strImage.find_last_of(L'\\') + 1);
-            break;
-        }
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
-            break;
-        }
+    std::wstring strImage;
+    if (GetProcessImagePath(hProcess, strImage)) {
+        strName = strImage.substr(strImage.find_last_of(L'\\') + 1);
     }
     DWORD dwNowIn = 0;
     const bool bSession = GetProcessSessionId(dwExplorerPid, dwNowIn);
