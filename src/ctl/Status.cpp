@@ -23,6 +23,8 @@ const long long HOUR = 3600;
 
 bool SameText(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
 
+// SYNCHRONIZE alone, not CEvent::Exists's full access: the supervisor's events need not grant the
+// user who runs status more than that.
 bool EventExists(const wchar_t* pszName) {
     return CKernelHandle(OpenEventW(SYNCHRONIZE, FALSE, pszName)).IsValid();
 }
