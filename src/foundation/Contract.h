@@ -19,7 +19,6 @@
 
 // The registry, under HKEY_LOCAL_MACHINE.
 #define REG_INSTALL_KEY L"Software\\Corvane\\Brevant\\0\\Install"
-#define REG_INSTALL_PARENT_KEY L"Software\\Corvane\\Brevant\\0"
 #define REG_VALUE_SE_AGNT_MAX_NUM L"SeAgntMaxNum"
 #define REG_VALUE_SET_START_EVENT L"SetStartEvent"
 #define REG_KELD_KEY L"SOFTWARE\\Corvane\\Keld"

@@ -279,6 +279,107 @@ bool IsStartValueSet(CRegKey& key) {
     return key.QueryDword(REG_VALUE_SET_START_EVENT, dwValue) == ERROR_SUCCESS && dwValue == 1;
 }
 
+// An uninstall deletes the product's keys from the bottom up and a reinstall writes them again from
+// the top. While the install key exists the gate watches its values and, for its deletion, its
+// parent's subkeys (Windows also tells of a deleted key through the key itself, Wine only through its
+// parent). While it is missing the gate watches the subkeys of its nearest ancestor that exists, up
+// to Software, so every key the reinstall writes on the way down wakes it.
+class CGateWatch : private boost::noncopyable {
+public:
+    CGateWatch(CRegKey& installKey, HANDLE hChangeEvent)
+        : m_installKey(installKey), m_hChangeEvent(hChangeEvent), m_nWatched(0), m_bLost(false) {
+        for (std::wstring strKey = REG_INSTALL_KEY; strKey.find(L'\\') != std::wstring::npos;) {
+            strKey.erase(strKey.rfind(L'\\'));
+            m_vecAncestors.push_back(strKey);
+        }
+    }
+    virtual ~CGateWatch() {}
+
+    // Arms the change event on what exists now; ERROR_SUCCESS once something is armed. The keys
+    // may change under it: each attempt looks again, and a tree that changes under every attempt
+    // fails with ERROR_KEY_DELETED rather than looping.
+    LONG Arm() {
+        for (int nAttempt = 0; nAttempt < ARM_ATTEMPTS; ++nAttempt) {
+            if (!HasInstallKey() && m_installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) ==
+                                        ERROR_SUCCESS && m_bLost) {
+                LOG_ERROR(L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
+                          L"SetStartEvent is watched again");
+                m_bLost = false;
+            }
+            const LONG lWatch = WatchNearestAncestor();
+            if (lWatch == ERROR_KEY_DELETED) {
+                continue;
+            }
+            if (lWatch != ERROR_SUCCESS) {
+                return lWatch;
+            }
+            if (!HasInstallKey()) {
+                CRegKey probe;  // back before its ancestor was armed: the next attempt takes it
+                if (probe.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS) {
+                    continue;
+                }
+                return ERROR_SUCCESS;
+            }
+            const LONG lNotify = RegNotifyChangeKeyValue(m_installKey.GetHandle(), TRUE,
+                                                         REG_NOTIFY_CHANGE_LAST_SET, m_hChangeEvent, TRUE);
+            if (lNotify != ERROR_KEY_DELETED) {
+                return lNotify;
+            }
+            CloseKey(m_installKey);
+            m_bLost = true;
+        }
+        return ERROR_KEY_DELETED;
+    }
+
+    bool HasInstallKey() const { return m_installKey.GetHandle() != nullptr; }
+
+private:
+    static const int ARM_ATTEMPTS = 8;
+
+    // A closed key's pending notification may set the event: it is reset before anything is armed
+    // again, and every look at the registry comes after the arms, so no change is lost.
+    void CloseKey(CRegKey& key) {
+        key.Close();
+        ResetEvent(m_hChangeEvent);
+    }
+
+    // Keeps the handle while the nearest ancestor stays the same key.
+    LONG WatchNearestAncestor() {
+        CRegKey nearest;
+        LONG lOpen = ERROR_FILE_NOT_FOUND;
+        size_t n = 0;
+        for (; n < m_vecAncestors.size(); ++n) {
+            lOpen = nearest.Open(HKEY_LOCAL_MACHINE, m_vecAncestors[n].c_str(), KEY_NOTIFY);
+            if (lOpen == ERROR_SUCCESS) {
+                break;
+            }
+        }
+        if (lOpen != ERROR_SUCCESS) {
+            return lOpen;
+        }
+        if (m_watchedKey.GetHandle() == nullptr || m_nWatched != n) {
+            CloseKey(m_watchedKey);
+            m_watchedKey.Open(HKEY_LOCAL_MACHINE, m_vecAncestors[n].c_str(), KEY_NOTIFY);
+            m_nWatched = n;
+        }
+        const LONG lNotify = m_watchedKey.GetHandle() == nullptr
+                                 ? ERROR_KEY_DELETED
+                                 : RegNotifyChangeKeyValue(m_watchedKey.GetHandle(), TRUE,
+                                                           REG_NOTIFY_CHANGE_NAME, m_hChangeEvent, TRUE);
+        if (lNotify == ERROR_KEY_DELETED) {
+            CloseKey(m_watchedKey);
+        }
+        return lNotify;
+    }
+
+    CRegKey& m_installKey;
+    CRegKey m_watchedKey;
+    const HANDLE m_hChangeEvent;
+    std::vector<std::wstring> m_vecAncestors;  // the install key's parent first, Software last
+    size_t m_nWatched;
+    bool m_bLost;  // the install key was missing: its return is told once
+};
+
 }  // namespace
 
 bool WaitForSetStartEvent(HANDLE hParentProcess) {
@@ -300,39 +401,18 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
         LOG_INFO(L"no terminated event exists.");
         dwWaitCount = 2;
     }
-    // A reinstall deletes the install key and creates it again: its parent tells of both, and the
-    // gate then watches the new key.
-    CRegKey parentKey;
-    const LONG lParent = parentKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_PARENT_KEY, KEY_NOTIFY);
+    CGateWatch watch(installKey, changeEvent.Get());
     const HANDLE waitList[3] = {hParentProcess, changeEvent.Get(), terminateEvent.Get()};
     LOG_INFO(L"Wait for set start event.");
 
     for (;;) {
         // Armed before every look, so a change between the look and the wait still wakes it.
-        LONG lNotify = lParent == ERROR_SUCCESS ? RegNotifyChangeKeyValue(parentKey.GetHandle(), FALSE,
-                                                                          REG_NOTIFY_CHANGE_NAME,
-                                                                          changeEvent.Get(), TRUE)
-                                                : ERROR_SUCCESS;
-        bool bKey = installKey.GetHandle() != nullptr;
-        if (lNotify == ERROR_SUCCESS && bKey) {
-            lNotify = RegNotifyChangeKeyValue(installKey.GetHandle(), TRUE, REG_NOTIFY_CHANGE_LAST_SET,
-                                              changeEvent.Get(), TRUE);
-        }
-        if (lNotify == ERROR_KEY_DELETED && lParent == ERROR_SUCCESS && bKey) {
-            installKey.Close();
-            bKey = false;
-            lNotify = ERROR_SUCCESS;
-        }
+        const LONG lNotify = watch.Arm();
         if (lNotify != ERROR_SUCCESS) {
             LOG_ERROR(L"RegNotifyChangeKeyValue() fail. err=" << lNotify);
             return false;
         }
-        if (!bKey && installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS) {
-            LOG_ERROR(L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
-                      L"SetStartEvent is watched again");
-            continue;  // arms the new key before its first read
-        }
-        if (bKey && IsStartValueSet(installKey)) {
+        if (watch.HasInstallKey() && IsStartValueSet(installKey)) {
             return true;
         }
         const DWORD dwRet = WaitForMultipleObjects(dwWaitCount, waitList, FALSE, INFINITE);

@@ -23,6 +23,12 @@ void ExpectCtl(const std::wstring& args, DWORD code, const std::vector<std::stri
     }
 }
 
+// The product's keys deleted under a supervisor at its gate, which wakes for it.
+bool Uninstall() {
+    return RegDeleteTreeW(HKEY_LOCAL_MACHINE, qt::kProductKey) == ERROR_SUCCESS &&
+           qt::WaitLog("Regkey is changed. check again.");
+}
+
 TEST(Supervisor, WholeLife) {
     const std::wstring otherPath = L"C:\\windows;" + qt::PlatformDir() + L"\\bin";
     ASSERT_TRUE(qt::SetString(qt::kEnvKey, L"Path", otherPath + L";" + qt::PlatformDir(), REG_EXPAND_SZ));
@@ -47,8 +53,15 @@ TEST(Supervisor, WholeLife) {
     EXPECT_EQ(2u, qt::ReadLog().Count("Regkey is changed. check again."))
         << "one wake-up per write, none before";
     EXPECT_TRUE(qt::Find(L"QoSessionAgent.exe").empty());
-    ASSERT_EQ(ERROR_SUCCESS, RegDeleteKeyW(HKEY_LOCAL_MACHINE, qt::kInstallKey));
+    // The product's whole tree uninstalled and written again with 2: the gate follows the keys back
+    // down and stays shut. Then its install key's parent deleted and the key written again with 1
+    // at once: the gate opens.
+    ASSERT_EQ(ERROR_SUCCESS, RegDeleteTreeW(HKEY_LOCAL_MACHINE, qt::kProductKey));
     ASSERT_TRUE(qt::WaitLog("Regkey is changed. check again.", 3));
+    ExpectCtl(L"status", 2, {"at its start gate"});
+    ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 2));
+    ASSERT_TRUE(qt::WaitLog("Install was deleted and created again"));
+    ASSERT_EQ(ERROR_SUCCESS, RegDeleteTreeW(HKEY_LOCAL_MACHINE, qt::kInstallParentKey));
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1));
     ASSERT_TRUE(started.Wait());
     EXPECT_FALSE(qt::Exists(qt::kStartService));
@@ -130,7 +143,7 @@ TEST(Supervisor, WholeLife) {
 
     const qt::Log log = qt::ReadLog();
     EXPECT_TRUE(log.malformed.empty()) << log.malformed.front();
-    EXPECT_EQ(5u, afterFailure.Errors()) << "the held writers' mutex, the recreated key, the failed restart";
+    EXPECT_EQ(6u, afterFailure.Errors()) << "the held writers' mutex, the recreated keys, the failed restart";
     EXPECT_EQ(afterFailure.Errors(), log.Errors());
     EXPECT_EQ(
         1u,
@@ -166,11 +179,10 @@ TEST(Supervisor, WholeLife) {
                "session 1: agent ended, exit 0xC0000005 access violation; restarted",
                "session 1: agent ended, exit 0x1, could not be restarted: CreateProcessAsUser GetLastError=2",
                "session 1: loses its agent (pid", "0 agent exit(s) not attributed"});
-    // The reinstall wakes it for the deletion, then once or twice more as the key and its value
-    // come back before or after the gate watches again.
-    EXPECT_LE(3u, log.Count("Regkey is changed. check again."));
-    EXPECT_GE(6u, log.Count("Regkey is changed. check again."));
-    EXPECT_EQ(1u, log.Count("Install was deleted and created again: its SetStartEvent is watched again"));
+    // Each deletion and each key written on the way back wakes it at most once: no line per turn.
+    EXPECT_LE(5u, log.Count("Regkey is changed. check again."));
+    EXPECT_GE(14u, log.Count("Regkey is changed. check again."));
+    EXPECT_EQ(2u, log.Count("Install was deleted and created again: its SetStartEvent is watched again"));
 }
 
 // "Close agents and wait" then terminate; the host's end, a successor's hand-over that starts Keld,
@@ -295,6 +307,11 @@ TEST(Supervisor, Refusals) {
         {[] {}, L"", [](const qt::Proc&) { qt::Signal(qt::kTerminate); },
          "service notify terminate while installation."},
         {[] {}, L"", [](const qt::Proc& host) { TerminateProcess(host.h.get(), 0); },
+         "Service process is shutdown."},
+        // The same two ends while the product's tree is uninstalled.
+        {[] {}, L"", [](const qt::Proc&) { Uninstall() && qt::Signal(qt::kTerminate); },
+         "service notify terminate while installation."},
+        {[] {}, L"", [](const qt::Proc& host) { Uninstall() && TerminateProcess(host.h.get(), 0); },
          "Service process is shutdown."},
         {[] {}, L"-5", nullptr, "OpenProcess dwPID=4294967291 , Err="},
         {[] {}, L"", nullptr, "Fail to get Session Agent path!!"},

@@ -177,6 +177,10 @@ void Reset() {
     }
     ResetAllAgents();
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\QoTest");
+    HKEY installKey = nullptr;  // a test may have uninstalled the product's keys
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kInstallKey, 0, nullptr, 0, KEY_WRITE, nullptr, &installKey,
+                        nullptr) == ERROR_SUCCESS)
+        RegCloseKey(installKey);
     DeleteValue(kInstallKey, L"SetStartEvent");
     DeleteValue(kInstallKey, L"SeAgntMaxNum");
     SetString(kKeldKey, L"InstallDir", KeldDir());

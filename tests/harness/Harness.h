@@ -20,6 +20,8 @@ inline constexpr DWORD kFailed = 0xFFFFFFFF;  // the watchdog's -1
 // The deployment contract's names, spelled here and not taken from the product, so that a misspelt
 // name in the product fails the tests.
 inline constexpr wchar_t kInstallKey[] = L"Software\\Corvane\\Brevant\\0\\Install";
+inline constexpr wchar_t kInstallParentKey[] = L"Software\\Corvane\\Brevant\\0";
+inline constexpr wchar_t kProductKey[] = L"Software\\Corvane\\Brevant";
 inline constexpr wchar_t kKeldKey[] = L"SOFTWARE\\Corvane\\Keld";
 inline constexpr wchar_t kEnvKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
 inline constexpr wchar_t kReload[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
