@@ -142,7 +142,7 @@ up() {
     local win_helper="Z:${helper//\//\\}"
     printf '%s\r\n' 'REGEDIT4' '' '[HKEY_LOCAL_MACHINE\Software\Corvane\Brevant\0\Install]' '' \
         '[HKEY_LOCAL_MACHINE\SOFTWARE\Corvane\Keld]' '"InstallDir"="C:\\Program Files\\Corvane\\Keld"' '' \
-        '[HKEY_CURRENT_USER\Software\Wine\DllOverrides]' '"winedbg.exe"="d"' '"winemenubuilder.exe"="d"' '' \
+        '[HKEY_CURRENT_USER\Software\Wine\DllOverrides]' '"winemenubuilder.exe"="d"' '' \
         '[HKEY_CURRENT_USER\Software\Wine\Drivers]' '"Graphics"="null"' '' >"$c/windows/temp/qo-prefix.reg"
     quiet "$WINE64" reg import 'C:\windows\temp\qo-prefix.reg' || die "reg import failed"
     quiet "$WINE64" sc create Keld binPath= "\"$win_helper\" service" || die "sc create Keld failed"

@@ -120,9 +120,8 @@ TEST(Log, LineFormCutsAndFaults) {
 // write short; the entry component.Log.ShortWrite sets one and names it in QO_FILE_SIZE_LIMIT.
 TEST(Log, ShortWriteCutBackAndTold) {
     const char* limit = std::getenv("QO_FILE_SIZE_LIMIT");
-    if (limit == nullptr) {
+    if (limit == nullptr)
         GTEST_SKIP() << "runs under a file-size limit only: ctest -R component.Log.ShortWrite";
-    }
     const std::wstring path = UseLog(L"short");
     MakeFile(path, std::atol(limit) - 40);
     LOG_INFO(L"a line longer than the 40 bytes of room left");
@@ -231,7 +230,8 @@ struct Server {
     CWatchDog* w = CWatchDog::GetInstance();
     qt::LogTail tail;
     qt::Agents ready;
-    std::string steps;
+    std::string steps, concerned;
+    std::vector<DWORD> awaited;  // the sessions whose agents the step starts
     size_t reloads = 0, checks = 0, every = 1;  // listing the processes costs 0.1 s: every so many steps
 
     explicit Server(const std::wstring& log) : tail(log) {}
@@ -256,15 +256,25 @@ struct Server {
     bool End(DWORD s, DWORD code) {
         const bool graceful = code == 0 || code == 0xC0000142 || code == 0x40010004;
         m[s].state = graceful ? OFF : RUNNING;
-        return qt::EndAgent(Agent(s), code) &&
-               (graceful ? tail.Wait("session (" + std::to_string(s) + ") is off.") : ready.Wait());
+        const DWORD agent = Agent(s);
+        awaited = {s};
+        concerned = "agent " + std::to_string(agent) + " of session " + std::to_string(s) + " asked to end";
+        if (!qt::EndAgent(agent, code)) {
+            concerned += ", but its exit event does not exist";
+            return false;
+        }
+        return graceful ? tail.Wait("session (" + std::to_string(s) + ") is off.") : ready.Wait();
     }
     bool Reload() {
         int starts = 0;
+        awaited.clear();
         for (auto& [s, x] : m) {
             if (x.shell != 0 && s <= 3037) {
                 const bool off = x.state == OFF && x.registered == x.shell;
-                starts += x.state == NONE || (x.state == OFF && !off) ? 1 : 0;
+                if (x.state == NONE || (x.state == OFF && !off)) {
+                    ++starts;
+                    awaited.push_back(s);
+                }
                 x = {x.shell, x.shell, off ? OFF : RUNNING};
                 monitors.insert(s / 62);
             }
@@ -292,12 +302,31 @@ struct Server {
         return tail.Wait(line, ids.size());
     }
 
+    // What a step that did not settle waited for, with every thread's stack; the sessions' own
+    // locks are not taken, as a launch may hold one.
+    std::string Unsettled(const std::string& name) {
+        std::set<std::string> started;
+        for (const qt::Line& line : tail.Since())
+            started.insert(line.message);
+        std::string missing;
+        for (const DWORD s : awaited) {
+            if (!started.count(" Create Session Agent successfully session ID = " + std::to_string(s)))
+                missing += " " + std::to_string(s);
+        }
+        qt::Stacks();
+        return "did not settle: " + name + (concerned.empty() ? "" : "; " + concerned) +
+               "; no agent started since for session(s):" + missing + "; steps:" + steps +
+               "\nthe log since:" + tail.Seen();
+    }
+
     // "" when the step settled and the watchdog matches the model, else what differs.
     std::string Step(const std::string& name, const std::function<bool()>& act) {
         steps += " " + name;
         tail.Mark();
+        awaited.clear();
+        concerned.clear();
         if (!act())
-            return "did not settle: " + name + "; steps:" + steps + "\nthe log since:" + tail.Seen();
+            return Unsettled(name);
         static const char* const kNames[] = {"none", "waiting", "running", "off"};
         std::set<DWORD> agents;
         for (auto& [s, x] : m) {

@@ -39,9 +39,8 @@ Result Timeline(const std::vector<std::string>& contents, std::vector<std::strin
     for (size_t i = 0; i < contents.size(); ++i) {
         const auto path = dir / (names.empty() ? "qoctl-" + std::to_string(i) + ".log" : names[i]);
         std::ofstream(path, std::ios::binary) << contents[i];
-        if (names.empty()) {
+        if (names.empty())
             args.push_back(path.string());
-        }
     }
     args.insert(args.end(), options.begin(), options.end());
     std::ostringstream out;
@@ -52,9 +51,8 @@ Result Timeline(const std::vector<std::string>& contents, std::vector<std::strin
 }
 
 void ExpectHas(const std::string& out, const std::vector<std::string>& parts) {
-    for (const std::string& part : parts) {
+    for (const std::string& part : parts)
         EXPECT_NE(std::string::npos, out.find(part)) << "missing: " << part << "\n" << out;
-    }
 }
 
 std::string Started(int m, int s, int pid, int agent, int session) {
@@ -144,9 +142,8 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
     // nothing of other sessions, no exit it cannot place.
     const Result narrow = Timeline({life}, {"--session", "3", "--since", "2026-11-16 20:01:30"});
     ExpectHas(narrow.out, {"could not be restarted", "request served: terminate", "supervisor started"});
-    for (const char* absent : {"session 1", "(pid 44)", "does not tell", "20:01:00"}) {
+    for (const char* absent : {"session 1", "(pid 44)", "does not tell", "20:01:00"})
         EXPECT_EQ(std::string::npos, narrow.out.find(absent)) << absent << "\n" << narrow.out;
-    }
     EXPECT_LT(narrow.out.find("could not be restarted"), narrow.out.find("request served: terminate"));
     // --since takes its own second; relative times count back from now.
     ExpectHas(Timeline({life}, {"--since", "2026-11-16T20:02:09"}).out, {"request served: terminate"});
@@ -166,9 +163,8 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "\"event\":\"supervision_ended\"", "\"message\":\"Gr\xC3\xBC\xC3\x9F \\\"q\\\" \\\\ \\u00FF\"}"});
     EXPECT_EQ(std::string::npos, json.out.find("session 4")) << "until 20:02:09";
     std::istringstream lines(json.out);
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line);)
         EXPECT_TRUE(line.front() == '{' && line.back() == '}') << line;
-    }
 }
 
 TEST(Timeline, DamagedInputIsReportedNeverDropped) {
@@ -191,9 +187,8 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     // A UTF-16 log is read by its byte order mark; a folder, an empty file and a text that is no log
     // are refused; every option is checked.
     std::string utf16 = "\xFF\xFE";
-    for (const char c : L(0, 0, 10, "Watch Dog started")) {
+    for (const char c : L(0, 0, 10, "Watch Dog started"))
         utf16 += std::string(1, c) + '\0';
-    }
     run = Timeline({utf16,
                     "[Tue Jan 05 10:00:00 2027][10][Pellisk][.\\x][1][INFO]Watch Dog started\r\n"
                     "[Tue Feb 29 10:00:00 2028][10][Pellisk][.\\x][1][INFO]Watch Dog finished\r\n"});
@@ -213,9 +208,8 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
                                                          {"--verbose"},
                                                          {"--session"},
                                                          {std::filesystem::temp_directory_path().string()}};
-    for (const auto& options : wrong) {
+    for (const auto& options : wrong)
         EXPECT_EQ(2, Timeline({""}, options).code) << options[0];
-    }
     run = Timeline({}, {"--help"});
     EXPECT_EQ(0, run.code);
     ExpectHas(Timeline({""}, {"--session"}).out, {"--session needs a value"});
@@ -228,9 +222,8 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     EXPECT_LT(run.out.find("QoWatchDog.log100"), run.out.find("QoWatchDog.log\n"));
 
     std::string huge;
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000; ++i)
         huge += Exit(i % 60, i % 60, 10, 0, "1") + Started(i % 60, i % 60, 10, 100 + i, i % 7);
-    }
     run = Timeline({huge}, {"--session", "0"});
     ExpectHas(run.out,
               {"Summary: 60000 log lines, 0 malformed", "0 agent exit(s) not attributed", "  session 0: "});
@@ -256,9 +249,8 @@ TEST(Timeline, FollowsTheLogAcrossACut) {
     const std::vector<std::string> order = {"supervisor started", "request served: reload", "was cut",
                                             "ended (exit code 0)", "Summary: 3 log lines"};
     ExpectHas(run.out, order);
-    for (size_t i = 1; i < order.size(); ++i) {
+    for (size_t i = 1; i < order.size(); ++i)
         EXPECT_LT(run.out.find(order[i - 1]), run.out.find(order[i])) << order[i] << "\n" << run.out;
-    }
 }
 
 }  // namespace

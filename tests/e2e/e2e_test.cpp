@@ -398,9 +398,8 @@ TEST(Entry, LogLocationsAndRunKeyStorm) {
 
     qt::Reset();
     std::vector<qt::Proc> storm;
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 12; ++i)
         storm.push_back(qt::StartWatchDog(L""));
-    }
     for (const qt::Proc& p : storm)
         Exit(p);
     const qt::Log log = qt::ReadLog();

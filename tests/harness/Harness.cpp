@@ -44,9 +44,8 @@ void StopKeld() {
                          &size);
     Handle process = Own(OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
     SERVICE_STATUS stopped = {};
-    if (process && ControlService(keld, SERVICE_CONTROL_STOP, &stopped)) {
+    if (process && ControlService(keld, SERVICE_CONTROL_STOP, &stopped))
         WaitForSingleObject(process.get(), kWaitMs);
-    }
     CloseServiceHandle(keld);
     CloseServiceHandle(manager);
 }
@@ -102,6 +101,48 @@ std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
     const bool ended =
         p.h && WaitForSingleObject(p.h.get(), ms) == WAIT_OBJECT_0 && GetExitCodeProcess(p.h.get(), &code);
     return ended ? std::optional<DWORD>(code) : std::nullopt;
+}
+
+void Stacks(DWORD pid) {
+    // Wine's debugger reads its commands from a file and writes the stacks to another, printed here.
+    const std::wstring base = Scratch(L"stacks") + L"\\";
+    std::ofstream(std::filesystem::path(base + L"commands.txt"))
+        << "attach 0x" << std::hex << pid << "\nbt all\ndetach\nquit\n";
+    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
+    const Handle in = Own(CreateFileW((base + L"commands.txt").c_str(), GENERIC_READ, FILE_SHARE_READ, &inherit,
+                                      OPEN_EXISTING, 0, nullptr));
+    const Handle out = Own(CreateFileW((base + L"stacks.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                       CREATE_ALWAYS, 0, nullptr));
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = in.get();
+    si.hStdOutput = si.hStdError = out.get();
+    PROCESS_INFORMATION pi = {};
+    wchar_t line[] = L"winedbg.exe";
+    if (!CreateProcessW(nullptr, line, nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &si, &pi)) {
+        std::printf("no stacks of process %lu: winedbg.exe did not start (%lu)\n", pid, GetLastError());
+        return;
+    }
+    const Handle debugger = Own(pi.hProcess);
+    CloseHandle(pi.hThread);
+    if (WaitForSingleObject(debugger.get(), 60000) != WAIT_OBJECT_0) {
+        TerminateProcess(debugger.get(), 1);  // its stacks so far are still printed
+        WaitForSingleObject(debugger.get(), kWaitMs);
+    }
+    // "bt all" walks every process of the prefix: only this one's threads are shown.
+    const std::string all = ReadBytes(base + L"stacks.txt");
+    char ours[32];
+    std::snprintf(ours, sizeof(ours), " in process %04lx ", pid);
+    std::string shown;
+    for (size_t at = all.find("Backtracing for thread"); at != std::string::npos;) {
+        const size_t next = all.find("Backtracing for thread", at + 1);
+        const std::string block = all.substr(at, next == std::string::npos ? next : next - at);
+        if (block.find(ours) != std::string::npos)
+            shown += block;
+        at = next;
+    }
+    std::printf("every thread's stack of process %lu:\n%s\n", pid, shown.empty() ? all.c_str() : shown.c_str());
 }
 
 std::vector<DWORD> Find(const std::wstring& exeName) {
@@ -227,12 +268,10 @@ Agents::Agents(const wchar_t* semaphore)
 bool Agents::Wait(int count, DWORD ms) {
     const ULONGLONG deadline = GetTickCount64() + ms;
     int taken = 0;
-    while (taken < count && WaitForSingleObject(m_semaphore.get(), Left(deadline)) == WAIT_OBJECT_0) {
+    while (taken < count && WaitForSingleObject(m_semaphore.get(), Left(deadline)) == WAIT_OBJECT_0)
         ++taken;
-    }
-    if (taken < count) {
+    if (taken < count)
         std::printf("waited %lu ms for %d agent start(s), saw %d\n", ms, count, taken);
-    }
     return taken == count;
 }
 
@@ -287,9 +326,8 @@ Log ParseLog(const std::string& bytes) {
             log.malformed.push_back(text);
         }
     }
-    if (at < bytes.size()) {
+    if (at < bytes.size())
         log.malformed.push_back(bytes.substr(at) + " (no line end)");
-    }
     return log;
 }
 
@@ -297,9 +335,8 @@ Log ReadLog(const std::wstring& path) { return ParseLog(ReadBytes(path)); }
 
 bool WaitLog(const std::string& text, size_t count, const std::wstring& path, DWORD ms) {
     LogTail tail(path);
-    if (tail.Wait(text, count, ms)) {
+    if (tail.Wait(text, count, ms))
         return true;
-    }
     std::printf("waited %lu ms for %zu line(s) holding \"%s\" in %s; its last lines:%s\n", ms, count,
                 text.c_str(), ToUtf8(path).c_str(), tail.Seen().c_str());
     return false;
@@ -348,12 +385,10 @@ bool LogTail::Wait(const std::string& text, size_t count, DWORD ms) {
         const bool found = Count(text) >= count;
         const bool changed = !found && change != INVALID_HANDLE_VALUE &&
                              WaitForSingleObject(change, Left(deadline)) == WAIT_OBJECT_0;
-        if (change != INVALID_HANDLE_VALUE) {
+        if (change != INVALID_HANDLE_VALUE)
             FindCloseChangeNotification(change);
-        }
-        if (!changed) {
+        if (!changed)
             return found;
-        }
     }
 }
 
@@ -367,12 +402,16 @@ std::string LogTail::Seen() {
     return seen;
 }
 
+std::vector<Line> LogTail::Since() {
+    Count("");
+    return std::vector<Line>(m_lines.begin() + static_cast<std::ptrdiff_t>(m_mark), m_lines.end());
+}
+
 std::pair<DWORD, DWORD> HandlesAndThreads() {
     DWORD handles = 0, threads = 0, flags = 0;
     // Wine's GetProcessHandleCount says 0: count the handle values the process accepts instead.
-    for (ULONG_PTR value = 4; value < 0x40000; value += 4) {
+    for (ULONG_PTR value = 4; value < 0x40000; value += 4)
         handles += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
-    }
     Handle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry = {};
     entry.dwSize = sizeof(entry);
@@ -386,14 +425,12 @@ std::pair<DWORD, DWORD> HandlesAndThreads() {
 std::string InOrder(const Log& log, const std::vector<std::string>& texts) {
     size_t next = 0;
     for (const std::string& text : texts) {
-        while (next < log.lines.size() && log.lines[next].message.find(text) == std::string::npos) {
+        while (next < log.lines.size() && log.lines[next].message.find(text) == std::string::npos)
             ++next;
-        }
         if (next == log.lines.size()) {
             std::string seen;
-            for (const Line& l : log.lines) {
+            for (const Line& l : log.lines)
                 seen += "\n  [" + std::to_string(l.pid) + "] " + l.message;
-            }
             return "missing in order: \"" + text + "\"; the log:" + seen;
         }
         ++next;

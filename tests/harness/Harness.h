@@ -67,6 +67,8 @@ Proc StartHelper(const std::wstring& name, const std::wstring& mode);
 std::pair<DWORD, std::string> Ctl(const std::wstring& args);
 // Another process that has taken this mutex and keeps it.
 Proc Hold(const wchar_t* mutex);
+// Prints every thread's stack of a live process (Wine's debugger attached for a moment).
+void Stacks(DWORD pid = GetCurrentProcessId());
 // Pids of the processes whose executable name is exactly this (any case); "*" for all.
 std::vector<DWORD> Find(const std::wstring& exeName);
 // Brings the prefix back to the installed client: ends the tests' processes, removes the tests'
@@ -125,6 +127,7 @@ public:
     // Waits until count lines since the mark hold the text; false on time-out.
     bool Wait(const std::string& text, size_t count = 1, DWORD ms = kWaitMs);
     std::string Seen();  // the lines since the mark (the last 40), for a failure's message
+    std::vector<Line> Since();  // every line since the mark
     const std::wstring& Path() const { return m_path; }
 
 private:

@@ -20,11 +20,17 @@ public:
         if (::testing::UnitTest::GetInstance()->Failed()) {
             const std::wstring kept =
                 L"failed-" + std::to_wstring(GetCurrentProcessId()) + L"-QoWatchDog.log";
-            if (CopyFileW(qt::LogPath().c_str(), kept.c_str(), FALSE)) {
+            if (CopyFileW(qt::LogPath().c_str(), kept.c_str(), FALSE))
                 std::printf("the watchdog's log is kept as %s\n", qt::ToUtf8(kept).c_str());
-            }
         }
         qt::Reset();
+        if (::testing::UnitTest::GetInstance()->Failed()) {
+            // Its processes are ended: a thread of ours still stuck in a wait or a launch must not
+            // keep the failed run from ending.
+            std::printf("[  FAILED  ] the test program ends here\n");
+            std::fflush(stdout);
+            TerminateProcess(GetCurrentProcess(), 1);
+        }
     }
 };
 

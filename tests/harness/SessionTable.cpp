@@ -32,9 +32,8 @@ bool GetProcessSessionId(DWORD dwProcessId, DWORD& dwSessionId) {
     AcquireSRWLockShared(&g_lock);
     const auto it = g_sessions.find(dwProcessId);
     const bool bListed = it != g_sessions.end();
-    if (bListed) {
+    if (bListed)
         dwSessionId = it->second;
-    }
     ReleaseSRWLockShared(&g_lock);
     return bListed || ProcessIdToSessionId(dwProcessId, &dwSessionId) != FALSE;
 }

@@ -76,9 +76,8 @@ int Agent() {
     Mark(0);
     Notify(qt::kAgentStarted);
     DWORD code = 0;
-    if (ReadCode(qt::kImmediate, code)) {
+    if (ReadCode(qt::kImmediate, code))
         ExitWith(code);
-    }
     const std::wstring pid = std::to_wstring(GetCurrentProcessId());
     const HANDLE events[2] = {CreateEventW(nullptr, TRUE, FALSE, (qt::kAgentExitPrefix + pid).c_str()),
                               CreateEventW(nullptr, TRUE, FALSE, qt::kAgentExitAll)};
@@ -97,9 +96,8 @@ void Report(DWORD state) {
 }
 
 DWORD WINAPI OnControl(DWORD control, DWORD, LPVOID, LPVOID) {
-    if (control == SERVICE_CONTROL_STOP) {
+    if (control == SERVICE_CONTROL_STOP)
         SetEvent(g_stop);
-    }
     return NO_ERROR;
 }
 
