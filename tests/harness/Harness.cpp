@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <sstream>
 
 namespace qt {
 namespace {
@@ -103,15 +104,15 @@ std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
     return ended ? std::optional<DWORD>(code) : std::nullopt;
 }
 
-void Stacks(DWORD pid) {
-    // Wine's debugger reads its commands from a file and writes the stacks to another, printed here.
-    const std::wstring base = Scratch(L"stacks") + L"\\";
-    std::ofstream(std::filesystem::path(base + L"commands.txt"))
-        << "attach 0x" << std::hex << pid << "\nbt all\ndetach\nquit\n";
+// Runs a command line in a scratch directory with this input, and ends it if it runs past ms: its exit
+// code (0xDEAD when it did not start or end) and what it wrote.
+std::pair<DWORD, std::string> Run(std::wstring line, const std::string& input, DWORD ms = kWaitMs) {
+    const std::wstring dir = Scratch(L"run") + L"\\";
+    std::ofstream(std::filesystem::path(dir + L"in.txt")) << input;
     SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-    const Handle in = Own(CreateFileW((base + L"commands.txt").c_str(), GENERIC_READ, FILE_SHARE_READ, &inherit,
+    const Handle in = Own(CreateFileW((dir + L"in.txt").c_str(), GENERIC_READ, FILE_SHARE_READ, &inherit,
                                       OPEN_EXISTING, 0, nullptr));
-    const Handle out = Own(CreateFileW((base + L"stacks.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+    const Handle out = Own(CreateFileW((dir + L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
                                        CREATE_ALWAYS, 0, nullptr));
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
@@ -119,30 +120,61 @@ void Stacks(DWORD pid) {
     si.hStdInput = in.get();
     si.hStdOutput = si.hStdError = out.get();
     PROCESS_INFORMATION pi = {};
-    wchar_t line[] = L"winedbg.exe";
-    if (!CreateProcessW(nullptr, line, nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &si, &pi)) {
-        std::printf("no stacks of process %lu: winedbg.exe did not start (%lu)\n", pid, GetLastError());
-        return;
+    Proc p;
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, dir.c_str(), &si,
+                       &pi)) {
+        CloseHandle(pi.hThread);
+        p.h = Own(pi.hProcess);
     }
-    const Handle debugger = Own(pi.hProcess);
-    CloseHandle(pi.hThread);
-    if (WaitForSingleObject(debugger.get(), 60000) != WAIT_OBJECT_0) {
-        TerminateProcess(debugger.get(), 1);  // its stacks so far are still printed
-        WaitForSingleObject(debugger.get(), kWaitMs);
+    const std::optional<DWORD> code = ExitCode(p, ms);
+    if (p.h && !code) {
+        TerminateProcess(p.h.get(), 0xDEAD);  // what it wrote so far is still read
+        ExitCode(p);
     }
-    // "bt all" walks every process of the prefix: only this one's threads are shown.
-    const std::string all = ReadBytes(base + L"stacks.txt");
-    char ours[32];
-    std::snprintf(ours, sizeof(ours), " in process %04lx ", pid);
-    std::string shown;
-    for (size_t at = all.find("Backtracing for thread"); at != std::string::npos;) {
-        const size_t next = all.find("Backtracing for thread", at + 1);
-        const std::string block = all.substr(at, next == std::string::npos ? next : next - at);
-        if (block.find(ours) != std::string::npos)
-            shown += block;
-        at = next;
+    return {code.value_or(0xDEAD), ReadBytes(dir + L"out.txt")};
+}
+
+std::vector<DWORD> ThreadsOf(DWORD pid) {
+    std::vector<DWORD> tids;
+    Handle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry)) {
+        if (entry.th32OwnerProcessID == pid)
+            tids.push_back(entry.th32ThreadID);
     }
-    std::printf("every thread's stack of process %lu:\n%s\n", pid, shown.empty() ? all.c_str() : shown.c_str());
+    return tids;
+}
+
+void Stacks(DWORD pid) {
+    // One thread at a time: "bt all" would walk every process of the prefix.
+    std::ostringstream commands;
+    commands << std::hex << "attach 0x" << pid << "\n";
+    for (const DWORD tid : ThreadsOf(pid))
+        commands << "bt 0x" << tid << "\n";
+    commands << "detach\nquit\n";
+    std::printf("every thread's stack of process %lu:\n%s\n", pid,
+                Run(L"winedbg.exe", commands.str(), 60000).second.c_str());
+}
+
+Deadline::Deadline(const std::string& what, DWORD ms)
+    : m_what(what), m_ms(ms), m_done(Own(CreateEventW(nullptr, TRUE, FALSE, nullptr))) {
+    m_thread = CreateThread(nullptr, 0, [](LPVOID self) -> DWORD {
+        const Deadline& d = *static_cast<const Deadline*>(self);
+        if (WaitForSingleObject(d.m_done.get(), d.m_ms) == WAIT_OBJECT_0)
+            return 0;
+        std::printf("%s: not done after %lu ms\n", d.m_what.c_str(), d.m_ms);
+        Stacks();
+        Reset();
+        TerminateProcess(GetCurrentProcess(), 1);
+        return 1;
+    }, this, 0, nullptr);
+}
+
+Deadline::~Deadline() {
+    SetEvent(m_done.get());
+    WaitForSingleObject(m_thread, INFINITE);
+    CloseHandle(m_thread);
 }
 
 std::vector<DWORD> Find(const std::wstring& exeName) {
@@ -171,24 +203,7 @@ Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
 }
 
 std::pair<DWORD, std::string> Ctl(const std::wstring& args) {
-    const std::wstring out = Scratch(L"ctl") + L"\\out.txt";
-    SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
-    const Handle file =
-        Own(CreateFileW(out.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &sa, CREATE_ALWAYS, 0, nullptr));
-    std::wstring line = L"\"" + BuildPath("QO_WATCHCTL_EXE") + L"\" " + args;
-    STARTUPINFOW si = {};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = si.hStdError = file.get();
-    PROCESS_INFORMATION pi = {};
-    Proc p;
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, Scratch(L"cwd").c_str(), &si,
-                       &pi)) {
-        CloseHandle(pi.hThread);
-        p.h = Own(pi.hProcess);
-    }
-    const DWORD code = ExitCode(p).value_or(0xDEAD);
-    return {code, ReadBytes(out)};
+    return Run(L"\"" + BuildPath("QO_WATCHCTL_EXE") + L"\" " + args, "");
 }
 
 Proc Hold(const wchar_t* mutex) {
@@ -218,10 +233,7 @@ void Reset() {
     }
     ResetAllAgents();
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\QoTest");
-    HKEY installKey = nullptr;  // a test may have uninstalled the product's keys
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kInstallKey, 0, nullptr, 0, KEY_WRITE, nullptr, &installKey,
-                        nullptr) == ERROR_SUCCESS)
-        RegCloseKey(installKey);
+    SetDword(kInstallKey, L"SetStartEvent", 0);  // writes the key again if a test has uninstalled it
     DeleteValue(kInstallKey, L"SetStartEvent");
     DeleteValue(kInstallKey, L"SeAgntMaxNum");
     SetString(kKeldKey, L"InstallDir", KeldDir());
@@ -408,18 +420,11 @@ std::vector<Line> LogTail::Since() {
 }
 
 std::pair<DWORD, DWORD> HandlesAndThreads() {
-    DWORD handles = 0, threads = 0, flags = 0;
+    DWORD handles = 0, flags = 0;
     // Wine's GetProcessHandleCount says 0: count the handle values the process accepts instead.
     for (ULONG_PTR value = 4; value < 0x40000; value += 4)
         handles += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
-    Handle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
-    THREADENTRY32 entry = {};
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = Thread32First(snapshot.get(), &entry); more;
-         more = Thread32Next(snapshot.get(), &entry)) {
-        threads += entry.th32OwnerProcessID == GetCurrentProcessId() ? 1 : 0;
-    }
-    return {handles, threads};
+    return {handles, static_cast<DWORD>(ThreadsOf(GetCurrentProcessId()).size())};
 }
 
 std::string InOrder(const Log& log, const std::vector<std::string>& texts) {

@@ -69,6 +69,20 @@ std::pair<DWORD, std::string> Ctl(const std::wstring& args);
 Proc Hold(const wchar_t* mutex);
 // Prints every thread's stack of a live process (Wine's debugger attached for a moment).
 void Stacks(DWORD pid = GetCurrentProcessId());
+// Ends the test program if it has not been destroyed ms from now, after printing what was awaited
+// and every thread's stack and ending the test's processes: a wait that never returns must not
+// cost the caller's time-out.
+class Deadline {
+public:
+    Deadline(const std::string& what, DWORD ms);
+    ~Deadline();
+
+private:
+    std::string m_what;
+    DWORD m_ms;
+    Handle m_done;
+    HANDLE m_thread;
+};
 // Pids of the processes whose executable name is exactly this (any case); "*" for all.
 std::vector<DWORD> Find(const std::wstring& exeName);
 // Brings the prefix back to the installed client: ends the tests' processes, removes the tests'
