@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <random>
 #include <set>
 #include <thread>
@@ -322,7 +323,8 @@ struct Server {
     // "" when the step settled and the watchdog matches the model, else what differs.
     std::string Step(const std::string& name, const std::function<bool()>& act) {
         steps += " " + name;
-        const qt::Deadline deadline("step " + name + "; steps:" + steps, 110000);  // a reload waits 90 s
+        std::optional<qt::Deadline> deadline;
+        deadline.emplace("step " + name + "; steps:" + steps, 110000);  // a reload waits 90 s
         tail.Mark();
         awaited.clear();
         concerned.clear();
@@ -337,6 +339,8 @@ struct Server {
             // makes: the watchdog handled it as a failed start; the model starts over from a stop.
             std::printf("step %s: Wine could not create a process (1359): stop and reload\n", name.c_str());
             ++wineFaults;
+            deadline.reset();
+            deadline.emplace("stop+reload after step " + name, 110000);
             tail.Mark();
             if (!Stop(broken) || !Reload())
                 return Unsettled(name + ", then stop+reload");

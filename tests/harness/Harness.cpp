@@ -80,19 +80,26 @@ std::wstring Scratch(const std::wstring& name) {
     return dir;
 }
 
-Proc Start(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd) {
-    std::wstring line = L"\"" + exe + L"\"" + (args.empty() ? L"" : L" " + args);
+// The process of this command line in cwd (empty: ours), with these standard handles when given.
+Proc Spawn(std::wstring line, const std::wstring& cwd, HANDLE in = nullptr, HANDLE out = nullptr) {
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
+    si.dwFlags = in != nullptr ? STARTF_USESTDHANDLES : 0;
+    si.hStdInput = in;
+    si.hStdOutput = si.hStdError = out;
     PROCESS_INFORMATION pi = {};
     Proc p;
-    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                       cwd.empty() ? nullptr : cwd.c_str(), &si, &pi)) {
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, in != nullptr, in != nullptr ? CREATE_NO_WINDOW : 0,
+                       nullptr, cwd.empty() ? nullptr : cwd.c_str(), &si, &pi)) {
         CloseHandle(pi.hThread);
         p.h = Own(pi.hProcess);
         p.pid = pi.dwProcessId;
     }
     return p;
+}
+
+Proc Start(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd) {
+    return Spawn(L"\"" + exe + L"\"" + (args.empty() ? L"" : L" " + args), cwd);
 }
 
 Proc StartWatchDog(const std::wstring& args) { return Start(WatchDogExe(), args, PlatformDir()); }
@@ -106,7 +113,7 @@ std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
 
 // Runs a command line in a scratch directory with this input, and ends it if it runs past ms: its exit
 // code (0xDEAD when it did not start or end) and what it wrote.
-std::pair<DWORD, std::string> Run(std::wstring line, const std::string& input, DWORD ms = kWaitMs) {
+std::pair<DWORD, std::string> Run(const std::wstring& line, const std::string& input, DWORD ms = kWaitMs) {
     const std::wstring dir = Scratch(L"run") + L"\\";
     std::ofstream(std::filesystem::path(dir + L"in.txt")) << input;
     SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
@@ -114,18 +121,7 @@ std::pair<DWORD, std::string> Run(std::wstring line, const std::string& input, D
                                       OPEN_EXISTING, 0, nullptr));
     const Handle out = Own(CreateFileW((dir + L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
                                        CREATE_ALWAYS, 0, nullptr));
-    STARTUPINFOW si = {};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = in.get();
-    si.hStdOutput = si.hStdError = out.get();
-    PROCESS_INFORMATION pi = {};
-    Proc p;
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, dir.c_str(), &si,
-                       &pi)) {
-        CloseHandle(pi.hThread);
-        p.h = Own(pi.hProcess);
-    }
+    const Proc p = Spawn(line, dir, in.get(), out.get());
     const std::optional<DWORD> code = ExitCode(p, ms);
     if (p.h && !code) {
         TerminateProcess(p.h.get(), 0xDEAD);  // what it wrote so far is still read
@@ -404,14 +400,17 @@ bool LogTail::Wait(const std::string& text, size_t count, DWORD ms) {
     }
 }
 
+// The lines from the first, one a row, for a failure's message.
+std::string Shown(const std::vector<Line>& lines, size_t first) {
+    std::string shown;
+    for (size_t i = first; i < lines.size(); ++i)
+        shown += "\n  [" + std::to_string(lines[i].pid) + "] " + lines[i].message;
+    return shown;
+}
+
 std::string LogTail::Seen() {
     Count("");
-    std::string seen;
-    for (size_t i = std::max(m_mark, m_lines.size() - std::min<size_t>(m_lines.size(), 40));
-         i < m_lines.size(); ++i) {
-        seen += "\n  [" + std::to_string(m_lines[i].pid) + "] " + m_lines[i].message;
-    }
-    return seen;
+    return Shown(m_lines, std::max(m_mark, m_lines.size() - std::min<size_t>(m_lines.size(), 40)));
 }
 
 std::vector<Line> LogTail::Since() {
@@ -432,12 +431,8 @@ std::string InOrder(const Log& log, const std::vector<std::string>& texts) {
     for (const std::string& text : texts) {
         while (next < log.lines.size() && log.lines[next].message.find(text) == std::string::npos)
             ++next;
-        if (next == log.lines.size()) {
-            std::string seen;
-            for (const Line& l : log.lines)
-                seen += "\n  [" + std::to_string(l.pid) + "] " + l.message;
-            return "missing in order: \"" + text + "\"; the log:" + seen;
-        }
+        if (next == log.lines.size())
+            return "missing in order: \"" + text + "\"; the log:" + Shown(log.lines, 0);
         ++next;
     }
     return "";
