@@ -80,7 +80,8 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR cmdLine, int) {
     if (std::wstring(cmdLine) == L"child") {  // as an agent: its station and desktop, then idle
         wchar_t name[64];
         GetUserObjectInformationW(GetProcessWindowStation(), UOI_NAME, name, sizeof(name), nullptr);
-        GetUserObjectInformationW(GetThreadDesktop(GetCurrentThreadId()), UOI_NAME, name, sizeof(name), nullptr);
+        GetUserObjectInformationW(GetThreadDesktop(GetCurrentThreadId()), UOI_NAME, name, sizeof(name),
+                                  nullptr);
         Sleep(INFINITE);
     }
     int threads = 4, children = 60;

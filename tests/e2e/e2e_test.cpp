@@ -65,7 +65,8 @@ TEST(Supervisor, WholeLife) {
     const ULONGLONG written = GetTickCount64();
     ASSERT_TRUE(qt::SetDword(qt::kInstallKey, L"SetStartEvent", 1));
     ASSERT_TRUE(started.Wait());
-    std::printf("the gate opened, an agent started %llu ms after the key was written\n", GetTickCount64() - written);
+    std::printf("the gate opened, an agent started %llu ms after the key was written\n",
+                GetTickCount64() - written);
     EXPECT_FALSE(qt::Exists(qt::kStartService));
     EXPECT_EQ(otherPath + L";", qt::ReadString(qt::kEnvKey, L"Path")) << "own directory removed";
     ExpectCtl(L"status", 0,

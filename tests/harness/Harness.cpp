@@ -89,8 +89,9 @@ Proc Spawn(std::wstring line, const std::wstring& cwd, HANDLE in = nullptr, HAND
     si.hStdOutput = si.hStdError = out;
     PROCESS_INFORMATION pi = {};
     Proc p;
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, in != nullptr, in != nullptr ? CREATE_NO_WINDOW : 0,
-                       nullptr, cwd.empty() ? nullptr : cwd.c_str(), &si, &pi)) {
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, in != nullptr,
+                       in != nullptr ? CREATE_NO_WINDOW : 0, nullptr, cwd.empty() ? nullptr : cwd.c_str(),
+                       &si, &pi)) {
         CloseHandle(pi.hThread);
         p.h = Own(pi.hProcess);
         p.pid = pi.dwProcessId;
@@ -135,7 +136,8 @@ std::vector<DWORD> ThreadsOf(DWORD pid) {
     Handle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry = {};
     entry.dwSize = sizeof(entry);
-    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry)) {
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more;
+         more = Thread32Next(snapshot.get(), &entry)) {
         if (entry.th32OwnerProcessID == pid)
             tids.push_back(entry.th32ThreadID);
     }
@@ -155,16 +157,19 @@ void Stacks(DWORD pid) {
 
 Deadline::Deadline(const std::string& what, DWORD ms)
     : m_what(what), m_ms(ms), m_done(Own(CreateEventW(nullptr, TRUE, FALSE, nullptr))) {
-    m_thread = CreateThread(nullptr, 0, [](LPVOID self) -> DWORD {
-        const Deadline& d = *static_cast<const Deadline*>(self);
-        if (WaitForSingleObject(d.m_done.get(), d.m_ms) == WAIT_OBJECT_0)
-            return 0;
-        std::printf("%s: not done after %lu ms\n", d.m_what.c_str(), d.m_ms);
-        Stacks();
-        Reset();
-        TerminateProcess(GetCurrentProcess(), 1);
-        return 1;
-    }, this, 0, nullptr);
+    m_thread = CreateThread(
+        nullptr, 0,
+        [](LPVOID self) -> DWORD {
+            const Deadline& d = *static_cast<const Deadline*>(self);
+            if (WaitForSingleObject(d.m_done.get(), d.m_ms) == WAIT_OBJECT_0)
+                return 0;
+            std::printf("%s: not done after %lu ms\n", d.m_what.c_str(), d.m_ms);
+            Stacks();
+            Reset();
+            TerminateProcess(GetCurrentProcess(), 1);
+            return 1;
+        },
+        this, 0, nullptr);
 }
 
 Deadline::~Deadline() {

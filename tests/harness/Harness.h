@@ -140,7 +140,7 @@ public:
     void Mark();  // waits count the lines from here on
     // Waits until count lines since the mark hold the text; false on time-out.
     bool Wait(const std::string& text, size_t count = 1, DWORD ms = kWaitMs);
-    std::string Seen();  // the lines since the mark (the last 40), for a failure's message
+    std::string Seen();         // the lines since the mark (the last 40), for a failure's message
     std::vector<Line> Since();  // every line since the mark
     const std::wstring& Path() const { return m_path; }
 
