@@ -280,10 +280,11 @@ bool IsStartValueSet(CRegKey& key) {
 }
 
 // An uninstall deletes the product's keys from the bottom up and a reinstall writes them again from
-// the top. While the install key exists the gate watches its values and, for its deletion, its
-// parent's subkeys (Windows also tells of a deleted key through the key itself, Wine only through its
-// parent). While it is missing the gate watches the subkeys of its nearest ancestor that exists, up
-// to Software, so every key the reinstall writes on the way down wakes it.
+// the top. While the install key exists the gate watches its values and, for its deletion, the
+// subkeys of its parent and grandparent (Windows also tells of a deleted key through the key itself,
+// Wine only through its parent). While it is missing the gate watches the subkeys of its nearest
+// ancestor that exists, up to Software, and of that ancestor's parent, so every key deleted or
+// written on the way wakes it.
 class CGateWatch : private boost::noncopyable {
 public:
     CGateWatch(CRegKey& installKey, HANDLE hChangeEvent)
@@ -300,10 +301,12 @@ public:
     // fails with ERROR_KEY_DELETED rather than looping.
     LONG Arm() {
         for (int nAttempt = 0; nAttempt < ARM_ATTEMPTS; ++nAttempt) {
-            if (!HasInstallKey() && m_installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) ==
-                                        ERROR_SUCCESS && m_bLost) {
-                LOG_ERROR(L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
-                          L"SetStartEvent is watched again");
+            if (!HasInstallKey() &&
+                m_installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS &&
+                m_bLost) {
+                LOG_ERROR(
+                    L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
+                    L"SetStartEvent is watched again");
                 m_bLost = false;
             }
             const LONG lWatch = WatchNearestAncestor();
@@ -335,6 +338,7 @@ public:
 
 private:
     static const int ARM_ATTEMPTS = 8;
+    static const size_t WATCHED_LEVELS = 2;
 
     // A closed key's pending notification may set the event: it is reset before anything is armed
     // again, and every look at the registry comes after the arms, so no change is lost.
@@ -343,7 +347,9 @@ private:
         ResetEvent(m_hChangeEvent);
     }
 
-    // Keeps the handle while the nearest ancestor stays the same key.
+    // The nearest ancestor that exists and its parent: under Wine a deleted key does not tell of
+    // its own deletion, so the key above it is watched too. The handles are kept while the nearest
+    // ancestor stays the same key.
     LONG WatchNearestAncestor() {
         CRegKey nearest;
         LONG lOpen = ERROR_FILE_NOT_FOUND;
@@ -357,23 +363,36 @@ private:
         if (lOpen != ERROR_SUCCESS) {
             return lOpen;
         }
-        if (m_watchedKey.GetHandle() == nullptr || m_nWatched != n) {
-            CloseKey(m_watchedKey);
-            m_watchedKey.Open(HKEY_LOCAL_MACHINE, m_vecAncestors[n].c_str(), KEY_NOTIFY);
+        if (m_watchedKeys[0].GetHandle() == nullptr || m_nWatched != n) {
+            CloseWatchedKeys();
+            for (size_t i = 0; i < WATCHED_LEVELS && n + i < m_vecAncestors.size(); ++i) {
+                m_watchedKeys[i].Open(HKEY_LOCAL_MACHINE, m_vecAncestors[n + i].c_str(), KEY_NOTIFY);
+            }
             m_nWatched = n;
         }
-        const LONG lNotify = m_watchedKey.GetHandle() == nullptr
-                                 ? ERROR_KEY_DELETED
-                                 : RegNotifyChangeKeyValue(m_watchedKey.GetHandle(), TRUE,
-                                                           REG_NOTIFY_CHANGE_NAME, m_hChangeEvent, TRUE);
-        if (lNotify == ERROR_KEY_DELETED) {
-            CloseKey(m_watchedKey);
+        for (size_t i = 0; i < WATCHED_LEVELS && n + i < m_vecAncestors.size(); ++i) {
+            const LONG lNotify = m_watchedKeys[i].GetHandle() == nullptr
+                                     ? ERROR_KEY_DELETED
+                                     : RegNotifyChangeKeyValue(m_watchedKeys[i].GetHandle(), TRUE,
+                                                               REG_NOTIFY_CHANGE_NAME, m_hChangeEvent, TRUE);
+            if (lNotify != ERROR_SUCCESS) {
+                if (lNotify == ERROR_KEY_DELETED) {
+                    CloseWatchedKeys();
+                }
+                return lNotify;
+            }
         }
-        return lNotify;
+        return ERROR_SUCCESS;
+    }
+
+    void CloseWatchedKeys() {
+        for (CRegKey& key : m_watchedKeys) {
+            CloseKey(key);
+        }
     }
 
     CRegKey& m_installKey;
-    CRegKey m_watchedKey;
+    CRegKey m_watchedKeys[WATCHED_LEVELS];
     const HANDLE m_hChangeEvent;
     std::vector<std::wstring> m_vecAncestors;  // the install key's parent first, Software last
     size_t m_nWatched;

@@ -35,6 +35,10 @@ std::string ReadBytes(const std::wstring& path) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
+void DeleteValue(const std::wstring& key, const std::wstring& value) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str());
+}
+
 // Stops Keld and waits for its process to end.
 void StopKeld() {
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
@@ -254,10 +258,6 @@ bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data) {
 bool SetString(const std::wstring& key, const std::wstring& value, const std::wstring& data, DWORD type) {
     return RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(), type, data.c_str(),
                            static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
-}
-
-void DeleteValue(const std::wstring& key, const std::wstring& value) {
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str());
 }
 
 std::wstring ReadString(const std::wstring& key, const std::wstring& value) {

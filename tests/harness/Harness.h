@@ -25,10 +25,7 @@ inline constexpr wchar_t kProductKey[] = L"Software\\Corvane\\Brevant";
 inline constexpr wchar_t kKeldKey[] = L"SOFTWARE\\Corvane\\Keld";
 inline constexpr wchar_t kEnvKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
 inline constexpr wchar_t kReload[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_RELOAD";
-inline constexpr wchar_t kStop[] = L"Global\\EVENT_ID_BREVANT_STOP_SERVICE";
 inline constexpr wchar_t kTerminate[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_WATCHDOG";
-inline constexpr wchar_t kAgentsAndWait[] = L"Global\\EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING";
-inline constexpr wchar_t kUpdate[] = L"Global\\EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK";
 inline constexpr wchar_t kStartKeld[] = L"Global\\EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC";
 inline constexpr wchar_t kClose[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE";
 inline constexpr wchar_t kCloseNoStop[] = L"Global\\EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD";
@@ -43,7 +40,6 @@ using Handle = std::unique_ptr<void, CloseHandleOf>;
 Handle Own(HANDLE h);  // null for null and INVALID_HANDLE_VALUE
 
 // Paths: the build's programs (given by CMake as Unix paths) and the installed client of the prefix.
-std::wstring HelperExe();
 std::wstring WatchDogExe();
 std::wstring PlatformDir();
 std::wstring AgentDir();
@@ -92,7 +88,6 @@ void Reset();
 bool SetDword(const std::wstring& key, const std::wstring& value, DWORD data);
 bool SetString(const std::wstring& key, const std::wstring& value, const std::wstring& data,
                DWORD type = REG_SZ);
-void DeleteValue(const std::wstring& key, const std::wstring& value);
 std::wstring ReadString(const std::wstring& key, const std::wstring& value);  // empty when missing
 
 bool Signal(const wchar_t* event);  // sets an existing event
@@ -125,7 +120,6 @@ struct Log {
     size_t Count(const std::string& text) const;  // lines whose message holds the text
     size_t Errors() const;
 };
-Log ParseLog(const std::string& bytes);
 Log ReadLog(const std::wstring& path = LogPath());
 // Waits until count messages hold the text; false on time-out.
 bool WaitLog(const std::string& text, size_t count = 1, const std::wstring& path = LogPath(),
