@@ -330,12 +330,8 @@ struct Server {
         awaited.clear();
         concerned.clear();
         const bool settled = act();
-        size_t failed = 0, broken = 0;  // Wine's failed creations, and the monitors a failed restart ended
-        for (const qt::Line& line : tail.Since()) {
-            failed += line.message == "CreateProcessAsUser GetLastError=1359" ? 1 : 0;
-            broken += line.message == "Session Agent re-create failed" ? 1 : 0;
-        }
-        if (failed != 0) {
+        const qt::Log since{tail.Since(), {}};
+        if (since.Count("CreateProcessAsUser GetLastError=1359") != 0) {
             // Wine's own fault under load (bench/WineSpawn.cpp shows it), an error the watchdog never
             // makes: the watchdog handled it as a failed start; the model starts over from a stop.
             std::printf("step %s: Wine could not create a process (1359): stop and reload\n", name.c_str());
@@ -343,7 +339,7 @@ struct Server {
             deadline.reset();
             deadline.emplace("stop+reload after step " + name, 110000);
             tail.Mark();
-            if (!Stop(broken) || !Reload())
+            if (!Stop(since.Count("Session Agent re-create failed")) || !Reload())  // monitors that ended
                 return Unsettled(name + ", then stop+reload");
         } else if (!settled) {
             return Unsettled(name);

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 
 namespace qt {
 namespace {
@@ -85,16 +84,15 @@ std::wstring Scratch(const std::wstring& name) {
 }
 
 // The process of this command line in cwd (empty: ours), with these standard handles when given.
-Proc Spawn(std::wstring line, const std::wstring& cwd, HANDLE in = nullptr, HANDLE out = nullptr) {
+Proc Spawn(std::wstring line, const std::wstring& cwd, HANDLE out = nullptr) {
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
-    si.dwFlags = in != nullptr ? STARTF_USESTDHANDLES : 0;
-    si.hStdInput = in;
+    si.dwFlags = out != nullptr ? STARTF_USESTDHANDLES : 0;
     si.hStdOutput = si.hStdError = out;
     PROCESS_INFORMATION pi = {};
     Proc p;
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, in != nullptr,
-                       in != nullptr ? CREATE_NO_WINDOW : 0, nullptr, cwd.empty() ? nullptr : cwd.c_str(),
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, out != nullptr,
+                       out != nullptr ? CREATE_NO_WINDOW : 0, nullptr, cwd.empty() ? nullptr : cwd.c_str(),
                        &si, &pi)) {
         CloseHandle(pi.hThread);
         p.h = Own(pi.hProcess);
@@ -116,17 +114,13 @@ std::optional<DWORD> ExitCode(const Proc& p, DWORD ms) {
     return ended ? std::optional<DWORD>(code) : std::nullopt;
 }
 
-// Runs a command line in a scratch directory with this input, and ends it if it runs past ms: its exit
+// Runs a command line in a directory (ending in a backslash), and ends it if it runs past ms: its exit
 // code (0xDEAD when it did not start or end) and what it wrote.
-std::pair<DWORD, std::string> Run(const std::wstring& line, const std::string& input, DWORD ms = kWaitMs) {
-    const std::wstring dir = Scratch(L"run") + L"\\";
-    std::ofstream(std::filesystem::path(dir + L"in.txt")) << input;
+std::pair<DWORD, std::string> Run(const std::wstring& line, const std::wstring& dir, DWORD ms = kWaitMs) {
     SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-    const Handle in = Own(CreateFileW((dir + L"in.txt").c_str(), GENERIC_READ, FILE_SHARE_READ, &inherit,
-                                      OPEN_EXISTING, 0, nullptr));
     const Handle out = Own(CreateFileW((dir + L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
                                        CREATE_ALWAYS, 0, nullptr));
-    const Proc p = Spawn(line, dir, in.get(), out.get());
+    const Proc p = Spawn(line, dir, out.get());
     const std::optional<DWORD> code = ExitCode(p, ms);
     if (p.h && !code) {
         TerminateProcess(p.h.get(), 0xDEAD);  // what it wrote so far is still read
@@ -150,13 +144,15 @@ std::vector<DWORD> ThreadsOf(DWORD pid) {
 
 void Stacks(DWORD pid) {
     // One thread at a time: "bt all" would walk every process of the prefix.
-    std::ostringstream commands;
+    const std::wstring dir = Scratch(L"stacks") + L"\\";
+    std::ofstream commands(std::filesystem::path(dir + L"commands.txt"));
     commands << std::hex << "attach 0x" << pid << "\n";
     for (const DWORD tid : ThreadsOf(pid))
         commands << "bt 0x" << tid << "\n";
     commands << "detach\nquit\n";
+    commands.close();
     std::printf("every thread's stack of process %lu:\n%s\n", pid,
-                Run(L"winedbg.exe", commands.str(), 60000).second.c_str());
+                Run(L"winedbg.exe --file \"" + dir + L"commands.txt\"", dir, 60000).second.c_str());
 }
 
 Deadline::Deadline(const std::string& what, DWORD ms)
@@ -208,7 +204,7 @@ Proc StartHelper(const std::wstring& name, const std::wstring& mode) {
 }
 
 std::pair<DWORD, std::string> Ctl(const std::wstring& args) {
-    return Run(L"\"" + BuildPath("QO_WATCHCTL_EXE") + L"\" " + args, "");
+    return Run(L"\"" + BuildPath("QO_WATCHCTL_EXE") + L"\" " + args, Scratch(L"ctl") + L"\\");
 }
 
 Proc Hold(const wchar_t* mutex) {

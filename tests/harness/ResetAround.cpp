@@ -27,8 +27,7 @@ public:
         if (::testing::UnitTest::GetInstance()->Failed()) {
             // Its processes are ended: a thread of ours still stuck in a wait or a launch must not
             // keep the failed run from ending.
-            std::printf("[  FAILED  ] the test program ends here\n");
-            std::fflush(stdout);
+            std::printf("[  FAILED  ] the test program ends here\n");  // unbuffered
             TerminateProcess(GetCurrentProcess(), 1);
         }
     }
