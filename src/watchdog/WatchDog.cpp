@@ -296,9 +296,8 @@ public:
     }
     virtual ~CGateWatch() {}
 
-    // Arms the change event on what exists now; ERROR_SUCCESS once something is armed. The keys
-    // may change under it: each attempt looks again, and a tree that changes under every attempt
-    // fails with ERROR_KEY_DELETED rather than looping.
+    // Arms the change event on what exists now; ERROR_SUCCESS once something is armed or the event
+    // is set. The keys may change under it: each attempt looks again.
     LONG Arm() {
         for (int nAttempt = 0; nAttempt < ARM_ATTEMPTS; ++nAttempt) {
             if (!HasInstallKey() &&
@@ -331,7 +330,12 @@ public:
             CloseKey(m_installKey);
             m_bLost = true;
         }
-        return ERROR_KEY_DELETED;
+        // The keys changed under every attempt (a reinstall under way): rather than give up, the
+        // gate comes round again at once and looks afresh.
+        CloseKey(m_installKey);
+        CloseWatchedKeys();
+        SetEvent(m_hChangeEvent);
+        return ERROR_SUCCESS;
     }
 
     bool HasInstallKey() const { return m_installKey.GetHandle() != nullptr; }
