@@ -317,11 +317,10 @@ TEST(Supervisor, Refusals) {
          "service notify terminate while installation."},
         {[] {}, L"", [](const qt::Proc& host) { TerminateProcess(host.h.get(), 0); },
          "Service process is shutdown."},
-        // The same two ends while the product's tree is uninstalled.
+        // A terminate request while the product's tree is uninstalled (the host's end waits on the same
+        // list of handles in every state of the gate).
         {[] {}, L"", [](const qt::Proc&) { Uninstall(), qt::Signal(qt::kTerminate); },
          "service notify terminate while installation."},
-        {[] {}, L"", [](const qt::Proc& host) { Uninstall(), TerminateProcess(host.h.get(), 0); },
-         "Service process is shutdown."},
         {[] {}, L"-5", nullptr, "OpenProcess dwPID=4294967291 , Err="},
         {[] {}, L"", nullptr, "Fail to get Session Agent path!!"},
         // Names held by objects of another type.
