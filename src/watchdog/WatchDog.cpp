@@ -3,6 +3,7 @@
 #include <direct.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <new>
 #include <vector>
 
@@ -300,13 +301,8 @@ public:
     // is set. The keys may change under it: each attempt looks again.
     LONG Arm() {
         for (int nAttempt = 0; nAttempt < ARM_ATTEMPTS; ++nAttempt) {
-            if (!HasInstallKey() &&
-                m_installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS &&
-                m_bLost) {
-                LOG_ERROR(
-                    L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
-                    L"SetStartEvent is watched again");
-                m_bLost = false;
+            if (!HasInstallKey()) {
+                OpenInstallKey();
             }
             const LONG lWatch = WatchNearestAncestor();
             if (lWatch == ERROR_KEY_DELETED) {
@@ -316,9 +312,8 @@ public:
                 return lWatch;
             }
             if (!HasInstallKey()) {
-                CRegKey probe;  // back before its ancestor was armed: the next attempt takes it
-                if (probe.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) == ERROR_SUCCESS) {
-                    continue;
+                if (OpenInstallKey()) {
+                    continue;  // back before its ancestor was armed: the next attempt arms it
                 }
                 return ERROR_SUCCESS;
             }
@@ -344,6 +339,20 @@ private:
     static const int ARM_ATTEMPTS = 8;
     static const size_t WATCHED_LEVELS = 2;
 
+    // Opens the install key; its return after it was missing is told once.
+    bool OpenInstallKey() {
+        if (m_installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ) != ERROR_SUCCESS) {
+            return false;
+        }
+        if (m_bLost) {
+            LOG_ERROR(
+                L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
+                L"SetStartEvent is watched again");
+            m_bLost = false;
+        }
+        return true;
+    }
+
     // A closed key's pending notification may set the event: it is reset before anything is armed
     // again, and every look at the registry comes after the arms, so no change is lost.
     void CloseKey(CRegKey& key) {
@@ -367,14 +376,15 @@ private:
         if (lOpen != ERROR_SUCCESS) {
             return lOpen;
         }
+        const size_t nLevels = std::min(WATCHED_LEVELS, m_vecAncestors.size() - n);
         if (m_watchedKeys[0].GetHandle() == nullptr || m_nWatched != n) {
             CloseWatchedKeys();
-            for (size_t i = 0; i < WATCHED_LEVELS && n + i < m_vecAncestors.size(); ++i) {
+            for (size_t i = 0; i < nLevels; ++i) {
                 m_watchedKeys[i].Open(HKEY_LOCAL_MACHINE, m_vecAncestors[n + i].c_str(), KEY_NOTIFY);
             }
             m_nWatched = n;
         }
-        for (size_t i = 0; i < WATCHED_LEVELS && n + i < m_vecAncestors.size(); ++i) {
+        for (size_t i = 0; i < nLevels; ++i) {
             const LONG lNotify = m_watchedKeys[i].GetHandle() == nullptr
                                      ? ERROR_KEY_DELETED
                                      : RegNotifyChangeKeyValue(m_watchedKeys[i].GetHandle(), TRUE,

@@ -232,9 +232,8 @@ struct Server {
     qt::LogTail tail;
     qt::Agents ready;
     std::string steps, concerned;
-    std::vector<DWORD> awaited;  // the sessions whose agents the step starts
-    size_t reloads = 0, checks = 0, every = 1,
-           wineFaults = 0;  // listing the processes costs 0.1 s: every so many steps
+    std::vector<DWORD> awaited;                                 // the sessions whose agents the step starts
+    size_t wineFaults = 0, reloads = 0, checks = 0, every = 1;  // every: steps per process listing (0.1 s)
 
     explicit Server(const std::wstring& log) : tail(log) {}
     DWORD Agent(DWORD s) {

@@ -83,7 +83,7 @@ std::wstring Scratch(const std::wstring& name) {
     return dir;
 }
 
-// The process of this command line in cwd (empty: ours), with these standard handles when given.
+// The process of this command line in cwd (empty: ours), its output and errors to out when given.
 Proc Spawn(std::wstring line, const std::wstring& cwd, HANDLE out = nullptr) {
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
