@@ -77,30 +77,6 @@ long long LocalOffset(long long localSeconds) {
     return t != static_cast<std::time_t>(-1) && Broken(t, false, utc) ? localSeconds - SecondsOf(utc) : 0;
 }
 
-// Known messages whose fields the reader uses: the form their text must have in full.
-bool FieldsComplete(const std::string& message) {
-    static const std::pair<const char*, std::regex> s_forms[] = {
-        {"Session agent exits, graceful=", std::regex(R"([01], handle=\S+, exitcode=\d+)")},
-        {"Newly created process id=", std::regex(R"(\d+)")},
-        {" Create Session Agent successfully session ID = ", std::regex(R"(\d+)")},
-        {" Create Session Agent failed session ID = ", std::regex(R"(\d+)")},
-        {"session (", std::regex(R"(\d+\) is (off|on again)\.)")},
-        {"Exit Watch Dog From Run Key. nRet=", std::regex(R"(-?\d+)")},
-        {"Load SeAgntMaxNum=", std::regex(R"(\d+)")},
-    };
-    for (const auto& form : s_forms) {
-        const std::string prefix = form.first;
-        if (message.compare(0, prefix.size(), prefix) == 0) {
-            return std::regex_match(message.begin() + static_cast<std::ptrdiff_t>(prefix.size()),
-                                    message.end(), form.second);
-        }
-    }
-    static const std::regex s_lost(R"(\d+ log lines lost.*)");
-    static const std::regex s_lostWhole(
-        R"(\d+ log lines lost: the log could not be written, last error=\d+)");
-    return !std::regex_match(message, s_lost) || std::regex_match(message, s_lostWhole);
-}
-
 void AppendUtf8(std::string& out, unsigned long c) {
     if (c < 0x80) {
         out += static_cast<char>(c);
@@ -181,7 +157,8 @@ bool ParseLine(const std::string& text, Line& line, std::string& why) {
         why = "holds a second line's time stamp: a line cut short, glued to the next";
         return false;
     }
-    if (!FieldsComplete(line.message)) {
+    line.error = m[8] == "ERROR";
+    if (Recognise(line.message, line.error, line.known) == EMatch::TORN) {
         why = "a known message with a field missing or cut short";
         return false;
     }

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "ctl/Vocabulary.h"
+
 namespace QoWatchCtl {
 
 // One line of the watchdog's log:
@@ -12,11 +14,11 @@ struct Line {
     unsigned long pid = 0;
     bool error = false;
     std::string message;
+    Recognised known;  // the catalogue's message it is, with its fields
 };
 
 // False, with the reason, for text that is not one whole log line: not in the log's form, holding
-// the time stamp of a second line (a torn line glued to the next), or a known message with a field
-// missing.
+// the time stamp of a second line (a torn line glued to the next), or a known message cut short.
 bool ParseLine(const std::string& text, Line& line, std::string& why);
 
 // Control bytes as \xNN, so that a damaged log cannot drive the terminal.

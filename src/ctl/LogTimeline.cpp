@@ -13,6 +13,8 @@
 namespace QoWatchCtl {
 namespace {
 
+using QoLog::EMsg;
+
 const size_t RECENT_ERRORS = 5;
 
 std::string Hex(unsigned long code) {
@@ -40,18 +42,6 @@ std::string ExitWord(unsigned long code) {
         default:
             return "";
     }
-}
-
-// A number after "prefix" in text; false when there is none.
-bool NumberAfter(const std::string& text, const std::string& prefix, long long& value) {
-    const size_t at = text.find(prefix);
-    if (at == std::string::npos) {
-        return false;
-    }
-    const char* start = text.c_str() + at + prefix.size();
-    char* end = nullptr;
-    value = std::strtoll(start, &end, 10);
-    return end != start;
 }
 
 struct Entry {
@@ -243,14 +233,12 @@ private:
         if (m_state.recentErrors.size() > RECENT_ERRORS) {
             m_state.recentErrors.erase(m_state.recentErrors.begin());
         }
-        long long n = 0, lost = 0;
-        std::string meaning;
-        for (const char* key : {"GetLastError=", "Err=", "err=", "error="}) {
-            if (meaning.empty() && NumberAfter(msg, key, n) && !Win32Meaning(n).empty()) {
-                meaning = " (" + std::to_string(n) + ": " + Win32Meaning(n) + ")";
-            }
-        }
-        if (std::sscanf(msg.c_str(), "%lld log lines lost", &lost) == 1) {
+        const Recognised& known = line.known;
+        const long long err = known.Number("err");
+        const std::string meaning =
+            Win32Meaning(err).empty() ? "" : " (" + std::to_string(err) + ": " + Win32Meaning(err) + ")";
+        if (known.Is(EMsg::LINES_LOST)) {
+            const long long lost = known.Number("count");
             m_lostLines += static_cast<size_t>(lost);
             Entry e = Make(line.seconds, line.pid, -1, "log_gap",
                            "LOG GAP: " + std::to_string(lost) +
@@ -260,15 +248,15 @@ private:
             Put(e);
             return;
         }
-        if (msg.find("Install was deleted and created again") != std::string::npos) {
+        if (known.Is(EMsg::INSTALL_KEY_RETURNED)) {
             Put(Make(
                 line.seconds, line.pid, -1, "gate_reinstall",
                 "start gate: the install key was deleted and created again (a reinstall); watched again"));
             return;
         }
         // A failed start and a shell check name the session whose agent was not started.
-        const bool bFailed = NumberAfter(msg, "failed session ID = ", n);
-        const long long id = bFailed || NumberAfter(msg, " of session ", n) ? n : -1;
+        const bool bFailed = known.Is(EMsg::AGENT_START_FAILED);
+        const long long id = known.Number("session");
         if (bFailed) {
             ++m_counts[id].failures;
             SessionLog& s = process.sessions[id];
@@ -276,14 +264,15 @@ private:
             s.since = line.seconds;
             s.why = Escape(before);
         }
-        Entry e = Make(line.seconds, line.pid, id, "error", "ERROR " + Escape(msg) + meaning);
+        Entry e = Make(line.seconds, line.pid, id, known.pMessage != nullptr ? "error" : "unknown",
+                       "ERROR " + Escape(msg) + meaning);
         e.message = msg;
         Put(e);
     }
 
     void Handle(const Line& line) {
-        const std::string& msg = line.message;
-        if (msg == "Start Watch Dog") {
+        const Recognised& known = line.known;
+        if (known.Is(EMsg::START)) {
             Unattributed(line.pid, m_work[line.pid]);
             m_work[line.pid] = Work();
             m_state.processes[line.pid] = ProcessLog();
@@ -296,22 +285,27 @@ private:
             Error(line, work, process);
             return;
         }
-        long long n = 0;
-        if (NumberAfter(msg, "Newly created process id=", n)) {
-            work.newPid = static_cast<unsigned long>(n);
-        } else if (msg.rfind("Session agent exits, graceful=", 0) == 0) {
-            long long code = 0;
-            NumberAfter(msg, "exitcode=", code);
-            work.pending.push_back({line.seconds, static_cast<unsigned long>(code), msg[30] == '1'});
-        } else if (NumberAfter(msg, " Create Session Agent successfully session ID = ", n)) {
+        if (known.pMessage == nullptr) {
+            Entry e = Make(line.seconds, line.pid, -1, "unknown", "UNKNOWN message: " + Escape(line.message));
+            e.message = line.message;
+            Put(e);
+            return;
+        }
+        const long long n = known.Number("session");
+        if (known.Is(EMsg::AGENT_CREATED)) {
+            work.newPid = static_cast<unsigned long>(known.Number("pid"));
+        } else if (known.Is(EMsg::AGENT_EXITS)) {
+            work.pending.push_back({line.seconds, static_cast<unsigned long>(known.Number("exitcode")),
+                                    known.Number("graceful") != 0});
+        } else if (known.Is(EMsg::AGENT_STARTED)) {
             Started(line, n, work, process.sessions[n]);
-        } else if (NumberAfter(msg, "session (", n) && msg.find(") is off.") != std::string::npos) {
+        } else if (known.Is(EMsg::SESSION_OFF)) {
             Off(line, n, work, process.sessions[n]);
-        } else if (NumberAfter(msg, "session (", n) && msg.find(") is on again.") != std::string::npos) {
+        } else if (known.Is(EMsg::SESSION_ON)) {
             ++m_counts[n].ons;
             Put(Make(line.seconds, line.pid, n, "session_on", "on again: registered with a new shell"));
-        } else if (NumberAfter(msg, "Load SeAgntMaxNum=", n)) {
-            process.seAgntMaxNum = n;
+        } else if (known.Is(EMsg::SE_AGNT_MAX_NUM)) {
+            process.seAgntMaxNum = known.Number("count");
         } else {
             ProcessEvent(line, work, process);
         }
@@ -374,49 +368,43 @@ private:
 
     void ProcessEvent(const Line& line, Work& work, ProcessLog& process) {
         struct Event {
-            const char* message;
+            EMsg eMessage;
             const char* event;
             const char* text;
             const char* ends;  // the cause, when supervision ends with it
         };
         static const Event s_events[] = {
-            {"Watch Dog started", "supervisor_started", "supervisor started", nullptr},
-            {"Wait for set start event.", "gate", "waits at its start gate (SetStartEvent)", nullptr},
-            {"Exit Reload User Session on Startup", "gate_passed", "start gate passed; sessions registered",
-             nullptr},
-            {"Enter WaitForMultipleObjects Main Loop", "serving", "serving: main loop", nullptr},
-            {"Session Reload!!", "request_reload", "request served: reload", nullptr},
-            {"Product Adapter Stop Event!!", "request_stop",
-             "request served: stop (supervision stopped until a reload)", "a stop request"},
-            {"Product Adapter Terminate Event!!", "request_terminate", "request served: terminate",
+            {EMsg::STARTED, "supervisor_started", "supervisor started", nullptr},
+            {EMsg::GATE_WAIT, "gate", "waits at its start gate (SetStartEvent)", nullptr},
+            {EMsg::GATE_PASSED, "gate_passed", "start gate passed; sessions registered", nullptr},
+            {EMsg::MAIN_LOOP, "serving", "serving: main loop", nullptr},
+            {EMsg::REQUEST_RELOAD, "request_reload", "request served: reload", nullptr},
+            {EMsg::REQUEST_STOP, "request_stop", "request served: stop (supervision stopped until a reload)",
+             "a stop request"},
+            {EMsg::REQUEST_TERMINATE, "request_terminate", "request served: terminate",
              "a terminate request"},
-            {"Product Adapter Ombrine Crash Event!!", "host_ended", "the host process ended: final wait",
-             "the host process's end"},
-            {"Update Event!!", "request_update", "request served: update (closes without stopping Keld)",
+            {EMsg::HOST_ENDED, "host_ended", "the host process ended: final wait", "the host process's end"},
+            {EMsg::REQUEST_UPDATE, "request_update", "request served: update (closes without stopping Keld)",
              nullptr},
-            {"Close Session Agent and Waiting Event!!", "request_close_and_wait",
+            {EMsg::REQUEST_CLOSE_AND_WAIT, "request_close_and_wait",
              "request served: close agents and wait: final wait", "a close-agents-and-wait request"},
-            {"event BREVANT_START_KELD_WITHOUT_UAC exists", "hand_over",
-             "hand-over: asks the waiting predecessor to start Keld", nullptr},
-            {"Start KELD service.", "keld_start_asked",
+            {EMsg::HAND_OVER, "hand_over", "hand-over: asks the waiting predecessor to start Keld", nullptr},
+            {EMsg::KELD_START, "keld_start_asked",
              "asks the service control manager to start Keld (the log records no result)", nullptr},
-            {"KELD service is running.", "keld_running", "Keld already runs: not started again", nullptr},
-            {"event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done", "hand_over_done",
-             "hand-over done", nullptr},
-            {"Watch Dog finished", "ended", "ended (exit code 0)", nullptr},
-            {"Product Adapter notifies Watch Dog to terminate.", "refused",
-             "refused: a terminate request was pending", nullptr},
-            {"service notify terminate while installation.", "gate_terminate",
-             "terminate request at the start gate", nullptr},
+            {EMsg::KELD_RUNNING, "keld_running", "Keld already runs: not started again", nullptr},
+            {EMsg::HAND_OVER_DONE, "hand_over_done", "hand-over done", nullptr},
+            {EMsg::FINISHED, "ended", "ended (exit code 0)", nullptr},
+            {EMsg::TERMINATE_PENDING, "refused", "refused: a terminate request was pending", nullptr},
+            {EMsg::GATE_TERMINATE, "gate_terminate", "terminate request at the start gate", nullptr},
         };
-        const std::string& msg = line.message;
-        long long n = 0;
-        if (msg == "Watch Dog started by runkey") {
+        const Recognised& known = line.known;
+        if (known.Is(EMsg::RUN_KEY_STARTED)) {
             process.bRunKey = true;
             work.runKeyStart = line.seconds;
             return;
         }
-        if (NumberAfter(msg, "Exit Watch Dog From Run Key. nRet=", n)) {
+        if (known.Is(EMsg::RUN_KEY_EXIT)) {
+            const long long n = known.Number("ret");
             ++m_runKeys;
             Put(Make(work.runKeyStart >= 0 ? work.runKeyStart : line.seconds, line.pid, -1, "run_key",
                      n == 0 ? "run-key instance: asked the supervisor to reload"
@@ -424,7 +412,7 @@ private:
             return;
         }
         for (const Event& event : s_events) {
-            if (msg != event.message) {
+            if (!known.Is(event.eMessage)) {
                 continue;
             }
             const std::string id = event.event;

@@ -19,6 +19,7 @@
 #include "foundation/ScopedHandle.h"
 
 using namespace QoWatchCtl;
+using QoLog::EMsg;
 
 namespace {
 
@@ -26,34 +27,34 @@ struct Request {
     const char* pszCommand;
     const wchar_t* pszEvent;
     const char* pszWhat;
-    std::vector<const char*> served;  // the supervisor's log lines that show it served
+    std::vector<QoLog::EMsg> served;  // the supervisor's log messages that show it served
 };
 
 const Request REQUESTS[] = {
     {"reload",
      EVENT_ID_BREVANT_WATCHDOG_RELOAD,
      "the supervisor registers the sessions again",
-     {"Session Reload!!"}},
+     {EMsg::REQUEST_RELOAD}},
     {"stop",
      EVENT_ID_BREVANT_STOP_SERVICE,
      "the supervisor stops supervising the agents and goes on running",
-     {"Product Adapter Stop Event!!"}},
+     {EMsg::REQUEST_STOP}},
     {"terminate",
      EVENT_ID_BREVANT_TERMINATE_WATCHDOG,
      "the supervisor ends after its agents have ended",
-     {"Product Adapter Terminate Event!!", "service notify terminate while installation."}},
+     {EMsg::REQUEST_TERMINATE, EMsg::GATE_TERMINATE}},
     {"update",
      EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK,
      "the supervisor closes without stopping Keld",
-     {"Update Event!!"}},
+     {EMsg::REQUEST_UPDATE}},
     {"close-and-wait",
      EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING,
      "the supervisor stops supervising and waits for a start or terminate request",
-     {"Close Session Agent and Waiting Event!!"}},
+     {EMsg::REQUEST_CLOSE_AND_WAIT}},
     {"start-keld",
      EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC,
      "a supervisor in its final wait starts Keld and ends",
-     {"Start KELD service.", "KELD service is running."}},
+     {EMsg::KELD_START, EMsg::KELD_RUNNING}},
 };
 
 int Usage(std::ostream& out, int nCode) {
@@ -78,8 +79,8 @@ bool Served(const Request& request, DWORD dwSupervisor, const std::wstring& strL
         for (const std::string& text : tail.Read(bCut)) {
             Line line;
             std::string why;
-            if (ParseLine(text, line, why) && line.pid == dwSupervisor &&
-                std::find(request.served.begin(), request.served.end(), line.message) !=
+            if (ParseLine(text, line, why) && line.pid == dwSupervisor && line.known.pMessage != nullptr &&
+                std::find(request.served.begin(), request.served.end(), line.known.pMessage->eId) !=
                     request.served.end()) {
                 return true;
             }
@@ -124,7 +125,7 @@ int Send(const Request& request, long nWaitSeconds) {
         return 0;
     }
     std::cerr << request.pszCommand << ": not served: supervisor " << phase.dwSupervisor << " logged no "
-              << request.served.front() << " within " << nWaitSeconds << " s\n";
+              << QoLog::Message(request.served.front()).pszText << " within " << nWaitSeconds << " s\n";
     return 1;
 }
 

@@ -21,7 +21,7 @@ DefSecAttr::DefSecAttr(const wchar_t* pszSddl) : SECURITY_ATTRIBUTES() {
     PSECURITY_DESCRIPTOR pDescriptor = nullptr;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(pszSddl, SDDL_REVISION_1, &pDescriptor,
                                                               nullptr)) {
-        LOG_LAST_ERROR(L"ConvertStringSecurityDescriptorToSecurityDescriptorW Err=");
+        QO_LOG_LAST_ERROR(QoMsg::SDDL_FAILED);
         return;
     }
     m_shpDescriptor.reset(pDescriptor, FreeDescriptor);

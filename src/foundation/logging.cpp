@@ -4,6 +4,7 @@
 #include <sddl.h>
 #include <time.h>
 
+#include <sstream>
 #include <string>
 
 #include "foundation/Contract.h"
@@ -133,8 +134,13 @@ unsigned long long g_nWrittenLines = 0;
 bool g_bStuckNoticePending = false;
 
 // A line of the log's own, as a log statement of this file writes it.
-std::wstring OwnErrorLine(const std::wstring& strMessage) {
-    return CLogStatement::Head(LogSourceName(__FILE__), __LINE__, true) + strMessage + L"\n";
+template <QoLog::EMsg E, class... Fields>
+std::wstring OwnLine(QoLog::Msg<E> message, const Fields&... fields) {
+    std::wostringstream line;
+    line << CLogStatement::Head(LogSourceName(__FILE__), __LINE__, QoLog::Message(E).bError);
+    QoLog::WriteMessage(line, message, fields...);
+    line << L"\n";
+    return line.str();
 }
 
 }  // namespace
@@ -200,18 +206,14 @@ void write_line(const log_settings* pSettings, INT32 nLevel, const wchar_t* pszT
     }
     std::wstring strLines;
     if (g_nLostLines > 0) {
-        strLines =
-            OwnErrorLine(std::to_wstring(g_nLostLines) + L" log lines lost: the log could not be written, " +
-                         L"last error=" + std::to_wstring(g_dwLostError));
+        strLines = OwnLine(QoMsg::LINES_LOST, g_nLostLines, g_dwLostError);
     }
     strLines += pszText;
     // The notice follows the line that waited, but never comes before a process's second line,
     // which tells why the log is where it is.
     const bool bNotice = g_bStuckNoticePending && g_nWrittenLines > 0;
     if (bNotice) {
-        strLines += OwnErrorLine(L"Log writer mutex " + std::wstring(LOG_WRITER_MUTEX) +
-                                 L" held by another process for " + std::to_wstring(LOG_WRITER_WAIT_MS) +
-                                 L" ms, lines are written without it");
+        strLines += OwnLine(QoMsg::WRITER_MUTEX_HELD, LOG_WRITER_MUTEX, LOG_WRITER_WAIT_MS);
     }
     const std::string strText = ToFileText(strLines.c_str());
     DWORD cbWritten = 0;

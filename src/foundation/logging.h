@@ -9,6 +9,7 @@
 #include <boost/noncopyable.hpp>
 
 #include "foundation/CSLock.h"
+#include "foundation/LogMessages.h"
 
 // The process-wide log. A statement builds one line in a wide string stream; the end of the line
 // flushes the stream, and its buffer hands the finished line to write_line, which appends it to
@@ -132,25 +133,25 @@ private:
     Guard<CSLock> m_guard;
 };
 
-// A statement never fails its caller: what it cannot write (no memory for the text) is lost.
-#define QO_LOG_STATEMENT(bError, message)                                                    \
-    do {                                                                                     \
-        try {                                                                                \
-            CLogStatement qoLog(LogSourceName(__FILE__), __LINE__, (bError));                \
-            /* the message is a chain of << values: it cannot stand in parentheses */        \
-            qoLog.Stream() << message << std::endl; /* NOLINT(bugprone-macro-parentheses) */ \
-        } catch (...) {                                                                      \
-        }                                                                                    \
-    } while (false)
+// Writes one message of the catalogue with its fields; a statement never fails its caller: what it
+// cannot write (no memory for the text) is lost. The fields are evaluated before the log lock is taken.
+template <QoLog::EMsg E, class... Fields>
+void LogMessage(const char* pszSource, int nLine, QoLog::Msg<E> message, const Fields&... fields) {
+    try {
+        CLogStatement statement(pszSource, nLine, QoLog::Message(E).bError);
+        QoLog::WriteMessage(statement.Stream(), message, fields...);
+        statement.Stream() << std::endl;
+    } catch (...) {
+    }
+}
 
-// A message is a chain of values for the stream: LOG_INFO(L"Newly created process id=" << dwPid).
-#define LOG_INFO(message) QO_LOG_STATEMENT(false, message)
-#define LOG_ERROR(message) QO_LOG_STATEMENT(true, message)
+// QO_LOG(QoMsg::AGENT_CREATED, dwPid): the message at its own level, its fields in order.
+#define QO_LOG(...) LogMessage(LogSourceName(__FILE__), __LINE__, __VA_ARGS__)
 
 // A failed Win32 call, right after it: the thread's last error is read before anything else can
-// change it and appended to the message, which ends in "Err=", "error=" or "GetLastError=".
-#define LOG_LAST_ERROR(message)                                                                              \
-    do {                                                                                                     \
-        const DWORD qoLastError = GetLastError();                                                            \
-        QO_LOG_STATEMENT(true, message << qoLastError); /* NOLINT(bugprone-macro-parentheses): a << chain */ \
+// change it and written as the message's last field.
+#define QO_LOG_LAST_ERROR(...)                    \
+    do {                                          \
+        const DWORD qoLastError = GetLastError(); \
+        QO_LOG(__VA_ARGS__, qoLastError);         \
     } while (false)

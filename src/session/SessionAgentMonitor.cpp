@@ -27,7 +27,7 @@ const DWORD FIRST_AGENT_WAIT_INDEX = 2;
 CSessionAgentMonitor::CSessionAgentMonitor(DWORD dwIndex, IMonitorHost* pHost)
     : m_hReloadEvent(CreateEventW(nullptr, FALSE, FALSE, L"")), m_dwIndex(dwIndex), m_pHost(pHost) {
     if (!m_hReloadEvent.IsValid()) {
-        LOG_LAST_ERROR(L"CreateEvent(m_hReloadEvent) Err=");
+        QO_LOG_LAST_ERROR(QoMsg::MONITOR_EVENT_FAILED);
     }
     m_pHost->MonitorCreated();
 }
@@ -52,7 +52,7 @@ void CSessionAgentMonitor::InsertSession(const SessionRecord& rec) {
     CSession& session = inserted.first->second;
     // Another shell process means a new log-on or a restarted shell: serve the session again.
     if (!inserted.second && session.dwExplorerPid != rec.dwExplorerPid) {
-        LOG_INFO(L"session (" << rec.dwSessionId << L") is on again.");
+        QO_LOG(QoMsg::SESSION_ON, rec.dwSessionId);
         session.bOff = false;
     }
     session.dwExplorerPid = rec.dwExplorerPid;
@@ -61,11 +61,11 @@ void CSessionAgentMonitor::InsertSession(const SessionRecord& rec) {
 
 void CSessionAgentMonitor::SetReloadEvent() {
     if (!m_hReloadEvent.IsValid()) {
-        LOG_ERROR(L"m_hReloadEvent is NULL.");
+        QO_LOG(QoMsg::MONITOR_EVENT_NULL);
         return;
     }
     if (!SetEvent(m_hReloadEvent.Get())) {
-        LOG_LAST_ERROR(L"Set Reload Event Err=");
+        QO_LOG_LAST_ERROR(QoMsg::MONITOR_RELOAD_FAILED);
     }
 }
 
@@ -135,7 +135,7 @@ void CSessionAgentMonitor::SessionOff(DWORD dwWaitIndex) {
         return;
     }
     ReleaseAgent(it->second);
-    LOG_INFO(L"session (" << it->first << L") is off.");
+    QO_LOG(QoMsg::SESSION_OFF, it->first);
     it->second.bOff = true;
     SetReloadEvent();
 }
@@ -149,7 +149,7 @@ bool CSessionAgentMonitor::RecreateAgent(DWORD dwWaitIndex) {
     if (CreateAgent(it->first, it->second)) {
         return true;
     }
-    LOG_INFO(L"session (" << it->first << L") is off.");
+    QO_LOG(QoMsg::SESSION_OFF, it->first);
     it->second.bOff = true;
     SetReloadEvent();
     return false;
@@ -166,13 +166,13 @@ void CSessionAgentMonitor::WaitForAllAgents() {
         }
     }
     if (vecAgents.empty()) {
-        LOG_INFO(L"No Session Agent Needs to Wait.");
+        QO_LOG(QoMsg::NO_AGENT_TO_WAIT);
         return;
     }
-    LOG_INFO(L"Start to Wait for All Session Agent.");
+    QO_LOG(QoMsg::AGENT_WAIT_BEGIN);
     const DWORD dwRet =
         WaitForMultipleObjects(static_cast<DWORD>(vecAgents.size()), vecAgents.data(), TRUE, INFINITE);
-    LOG_INFO(L"Wait for All Session Agent. dwRet=" << dwRet);
+    QO_LOG(QoMsg::AGENT_WAIT_END, dwRet);
 }
 
 DWORD WINAPI CSessionAgentMonitor::MonitorThreadProc(LPVOID pParam) {
@@ -190,7 +190,7 @@ DWORD CSessionAgentMonitor::Run() {
         const DWORD dwRet = WaitForMultipleObjects(n, GetWaitHandles(), FALSE, INFINITE);
         Guard<CSLock> guard(&m_lock);
         if (dwRet == WAIT_OBJECT_0 + WAIT_INDEX_CLOSE) {
-            LOG_INFO(L"KELD Stop");
+            QO_LOG(QoMsg::KELD_STOP);
             break;
         }
         if (dwRet == WAIT_OBJECT_0 + WAIT_INDEX_RELOAD) {
@@ -207,22 +207,21 @@ DWORD CSessionAgentMonitor::Run() {
             } else {
                 dwExitCode = 0;
             }
-            LOG_INFO(L"Session agent exits, graceful=" << bGraceful << L", handle=" << GetWaitHandle(i)
-                                                       << L", exitcode=" << dwExitCode);
+            QO_LOG(QoMsg::AGENT_EXITS, bGraceful, GetWaitHandle(i), dwExitCode);
             if (bGraceful) {
                 SessionOff(i);
             } else if (!RecreateAgent(i)) {
-                LOG_ERROR(L"Session Agent re-create failed");
+                QO_LOG(QoMsg::RECREATE_FAILED);
                 break;
             }
             RefreshWaitList();
             n = GetWaitCount();
             if (n == FIRST_AGENT_WAIT_INDEX) {
-                LOG_INFO(L"No session to monitor.");
+                QO_LOG(QoMsg::NO_SESSION);
             }
             continue;
         }
-        LOG_LAST_ERROR(L"WaitForMultipleObjects, dwRet=" << dwRet << L", GetLastError=");
+        QO_LOG_LAST_ERROR(QoMsg::MONITOR_WAIT_FAILED, dwRet);
         break;
     }
 

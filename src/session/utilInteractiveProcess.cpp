@@ -61,7 +61,7 @@ public:
     bool Begin(HANDLE hToken) { return m_bActive = ImpersonateLoggedOnUser(hToken) != FALSE; }
     void End() {
         if (m_bActive && !RevertToSelf()) {
-            LOG_LAST_ERROR(L"RevertToSelf GetLastError=");
+            QO_LOG_LAST_ERROR(QoMsg::REVERT_FAILED);
         }
         m_bActive = false;
     }
@@ -76,26 +76,26 @@ bool OpenInteractiveDesktop(CLaunchResources& res) {
     Guard<CSLock> guard(&g_windowStationLock.Get());
     res.hSavedStation = GetProcessWindowStation();
     if (res.hSavedStation == nullptr) {
-        LOG_LAST_ERROR(L"GetProcessWindowStation GetLastError=");
+        QO_LOG_LAST_ERROR(QoMsg::GET_WINSTA_FAILED);
         return false;
     }
     res.hStation.Reset(OpenWindowStationW(L"winsta0", FALSE, WINSTA_ACCESS));
     if (!res.hStation.IsValid()) {
-        LOG_LAST_ERROR(L"OpenWindowStationW GetLastError=");
+        QO_LOG_LAST_ERROR(QoMsg::OPEN_WINSTA_FAILED);
         return false;
     }
     if (!SetProcessWindowStation(res.hStation.Get())) {
-        LOG_LAST_ERROR(L"SetProcessWindowStation GetLastError=");
+        QO_LOG_LAST_ERROR(QoMsg::SET_WINSTA_FAILED);
         return false;
     }
     res.hDesktop.Reset(OpenDesktopW(L"default", 0, FALSE, DESKTOP_ACCESS));
     const DWORD dwDesktopErr = GetLastError();
     if (!SetProcessWindowStation(res.hSavedStation)) {
-        LOG_LAST_ERROR(L"SetProcessWindowStation GetLastError=");
+        QO_LOG_LAST_ERROR(QoMsg::SET_WINSTA_FAILED);
         return false;
     }
     if (!res.hDesktop.IsValid()) {
-        LOG_ERROR(L"OpenDesktopW GetLastError=" << dwDesktopErr);
+        QO_LOG(QoMsg::OPEN_DESKTOP_FAILED, dwDesktopErr);
         return false;
     }
     return true;
@@ -222,7 +222,7 @@ BOOL Launch(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName, LPCWSTR 
     }
     CImpersonation impersonation;
     if (!impersonation.Begin(hToken)) {
-        LOG_LAST_ERROR(L"ImpersonateLoggedOnUser GetLastError=");
+        QO_LOG_LAST_ERROR(QoMsg::IMPERSONATE_FAILED);
         return FALSE;
     }
     // Lines are written only once the thread is itself again: as the user, the log file could be
@@ -231,7 +231,7 @@ BOOL Launch(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName, LPCWSTR 
                           res.hPrimaryToken.Receive())) {
         const DWORD dwErr = GetLastError();
         impersonation.End();
-        LOG_ERROR(L"DuplicateTokenEx Err=" << dwErr);
+        QO_LOG(QoMsg::DUPLICATE_TOKEN_FAILED, dwErr);
         return FALSE;
     }
 
@@ -249,11 +249,11 @@ BOOL Launch(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplicationName, LPCWSTR 
     const DWORD dwCreateErr = GetLastError();
     impersonation.End();
     if (!bCreated) {
-        LOG_ERROR(L"CreateProcessAsUser GetLastError=" << dwCreateErr);
+        QO_LOG(QoMsg::CREATE_PROCESS_FAILED, dwCreateErr);
         *phProcess = nullptr;
         return FALSE;
     }
-    LOG_INFO(L"Newly created process id=" << pi.dwProcessId);
+    QO_LOG(QoMsg::AGENT_CREATED, pi.dwProcessId);
     const CKernelHandle thread(pi.hThread);
     *phProcess = pi.hProcess;
     return TRUE;
@@ -268,7 +268,7 @@ BOOL LaunchInteractiveProcess(HANDLE hToken, HANDLE* phProcess, LPWSTR lpApplica
     } catch (...) {
         // Building the environment ran out of memory: the launch's owners have already reverted
         // the impersonation and closed what it had opened.
-        LOG_ERROR(L"LaunchInteractiveProcess failed: out of memory");
+        QO_LOG(QoMsg::LAUNCH_NO_MEMORY);
         return FALSE;
     }
 }

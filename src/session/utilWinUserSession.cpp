@@ -16,13 +16,13 @@
 bool EnumUserSession(std::vector<SessionRecord>& sessions) {
     const CKernelHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     if (!snapshot.IsValid()) {
-        LOG_LAST_ERROR(L"CreateToolhelp32Snapshot Err=");
+        QO_LOG_LAST_ERROR(QoMsg::SNAPSHOT_FAILED);
         return false;
     }
     PROCESSENTRY32W entry = {};
     entry.dwSize = sizeof(entry);
     if (!Process32FirstW(snapshot.Get(), &entry)) {
-        LOG_LAST_ERROR(L"CreateToolhelp32Snapshot Err=");
+        QO_LOG_LAST_ERROR(QoMsg::SNAPSHOT_FAILED);
         return false;
     }
     do {
@@ -56,8 +56,7 @@ bool IsSessionShell(HANDLE hProcess, DWORD dwSessionId, DWORD dwExplorerPid) {
     if (_wcsicmp(strName.c_str(), SHELL_IMAGE_NAME) == 0 && bSession && dwNowIn == dwSessionId) {
         return true;
     }
-    LOG_ERROR(L"Shell process id=" << dwExplorerPid << L" of session " << dwSessionId << L" now names "
-                                   << strName << L" in session " << dwNowIn << L": its token is not used");
+    QO_LOG(QoMsg::SHELL_CHANGED, dwExplorerPid, dwSessionId, strName, dwNowIn);
     return false;
 }
 
@@ -77,7 +76,7 @@ bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workin
                        DWORD dwExplorerPid, CKernelHandle& agent) {
     const CKernelHandle explorer(OpenProcess(MAXIMUM_ALLOWED, TRUE, dwExplorerPid));
     if (!explorer.IsValid()) {
-        LOG_LAST_ERROR(L"OpenProcess Err=");
+        QO_LOG_LAST_ERROR(QoMsg::SHELL_OPEN_FAILED);
         return false;
     }
     if (!IsSessionShell(explorer.Get(), dwSessionId, dwExplorerPid)) {
@@ -86,7 +85,7 @@ bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workin
     CKernelHandle token;
     if (!OpenProcessToken(explorer.Get(), TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY,
                           token.Receive())) {
-        LOG_LAST_ERROR(L"OpenProcessToken Err=");
+        QO_LOG_LAST_ERROR(QoMsg::SHELL_TOKEN_FAILED);
         return false;
     }
 
@@ -97,7 +96,7 @@ bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workin
         shpPath.reset(new (std::nothrow) wchar_t[nChars]());
     }
     if (!shpPath) {
-        LOG_ERROR(L"Out of Memory");
+        QO_LOG(QoMsg::OUT_OF_MEMORY);
         return false;
     }
     agentPath.copy(shpPath.get(), agentPath.size());
@@ -107,11 +106,11 @@ bool StartSessionAgent(const std::wstring& agentPath, const std::wstring& workin
         LaunchInteractiveProcess(token.Get(), launched.Receive(), shpPath.get(), workingPath.c_str());
     if (bLaunched) {
         agent = std::move(launched);
-        LOG_INFO(L" Create Session Agent successfully session ID = " << dwSessionId);
+        QO_LOG(QoMsg::AGENT_STARTED, dwSessionId);
     } else {
-        LOG_ERROR(L" Create Session Agent failed session ID = " << dwSessionId);
+        QO_LOG(QoMsg::AGENT_START_FAILED, dwSessionId);
     }
-    LOG_INFO(L"Explorer.exe PID=" << dwExplorerPid);
+    QO_LOG(QoMsg::EXPLORER_PID, dwExplorerPid);
     return bLaunched != FALSE;
 }
 
@@ -119,12 +118,12 @@ bool GetSystemEnvPath(std::wstring& strPath) {
     CRegKey key;
     LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV, KEY_ALL_ACCESS);
     if (lResult != ERROR_SUCCESS) {
-        LOG_ERROR(L"CRegKey::Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV) Err=" << lResult);
+        QO_LOG(QoMsg::ENV_KEY_OPEN_FAILED, lResult);
         return false;
     }
     lResult = key.QueryValue(ENVIRONMENT_PATH, strPath);
     if (lResult != ERROR_SUCCESS) {
-        LOG_ERROR(L"CRegKey::QueryValue(ENVIRONMENT_PATH) Err=" << lResult);
+        QO_LOG(QoMsg::PATH_QUERY_FAILED, lResult);
         return false;
     }
     return true;
@@ -134,12 +133,12 @@ bool SetSystemEnvPath(const std::wstring& strPath) {
     CRegKey key;
     LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV, KEY_ALL_ACCESS);
     if (lResult != ERROR_SUCCESS) {
-        LOG_ERROR(L"CRegKey::Open(HKEY_LOCAL_MACHINE, REG_SYSTEM_ENV) Err=" << lResult);
+        QO_LOG(QoMsg::ENV_KEY_OPEN_FAILED, lResult);
         return false;
     }
     lResult = key.SetValue(ENVIRONMENT_PATH, strPath.c_str());
     if (lResult != ERROR_SUCCESS) {
-        LOG_ERROR(L"CRegKey::SetValue(ENVIRONMENT_PATH) Err=" << lResult);
+        QO_LOG(QoMsg::PATH_SET_FAILED, lResult);
         return false;
     }
     return true;

@@ -56,15 +56,15 @@ void SetLogFile(const std::wstring& strDir) {
 }
 
 int RunKeyMode() {
-    LOG_INFO(L"Watch Dog started by runkey");
+    QO_LOG(QoMsg::RUN_KEY_STARTED);
     int nRet = 0;
     if (!waitExplorerProcessReady(EXPLORER_READY_TIMEOUT_MS)) {
-        LOG_ERROR(L"waitExplorerProcessReady return false, Session Agent fail to create!!");
+        QO_LOG(QoMsg::EXPLORER_NOT_READY);
     }
     if (!SetWatchDogReloadEvent()) {
         nRet = EXIT_FAILURE_CODE;
     }
-    LOG_INFO(L"Exit Watch Dog From Run Key. nRet=" << nRet);
+    QO_LOG(QoMsg::RUN_KEY_EXIT, nRet);
     return nRet;
 }
 
@@ -74,24 +74,24 @@ void HandOverFromPredecessor(const CMutex& mutex) {
     if (!CEvent::Exists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC)) {
         return;
     }
-    LOG_INFO(L"event BREVANT_START_KELD_WITHOUT_UAC exists");
+    QO_LOG(QoMsg::HAND_OVER);
     {
         CEvent startKeld(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC, false);
         if (!startKeld.Set()) {
-            LOG_LAST_ERROR(L"oEventStartKeldWithoutUac.Set() Err=");
+            QO_LOG_LAST_ERROR(QoMsg::HAND_OVER_SET_FAILED);
         }
     }
     int nPasses = HANDOVER_LOG_EVERY;
     while (CEvent::Exists(EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC) || mutex.Exists()) {
         if (nPasses == HANDOVER_LOG_EVERY) {
-            LOG_INFO(L"event BREVANT_START_KELD_WITHOUT_UAC or another watch dog instance still exists");
+            QO_LOG(QoMsg::HAND_OVER_WAIT);
             nPasses = 0;
         } else {
             ++nPasses;
         }
         Sleep(HANDOVER_POLL_MS);
     }
-    LOG_INFO(L"event BREVANT_START_KELD_WITHOUT_UAC and instance pre-checking done");
+    QO_LOG(QoMsg::HAND_OVER_DONE);
 }
 
 // Reads where the session agent lives from Session_Agent.ini in the working directory.
@@ -114,32 +114,32 @@ bool RunMainLoop(CWatchDog* pWatchDog, const HANDLE (&waitArray)[MAIN_WAIT_COUNT
         const DWORD dwRet = WaitForMultipleObjects(MAIN_WAIT_COUNT, waitArray, FALSE, INFINITE);
         switch (dwRet) {
             case WAIT_OBJECT_0 + POS_RELOAD:
-                LOG_INFO(L"Session Reload!!");
+                QO_LOG(QoMsg::REQUEST_RELOAD);
                 pWatchDog->ReloadSessions();
                 break;
             case WAIT_OBJECT_0 + POS_STOP_SERVICE:
-                LOG_INFO(L"Product Adapter Stop Event!!");
+                QO_LOG(QoMsg::REQUEST_STOP);
                 pWatchDog->SetCloseEvent(true);
                 break;
             case WAIT_OBJECT_0 + POS_TERMINATE:
                 pWatchDog->SetCloseEvent(true);
-                LOG_INFO(L"Product Adapter Terminate Event!!");
+                QO_LOG(QoMsg::REQUEST_TERMINATE);
                 return false;
             case WAIT_OBJECT_0 + POS_PARENT:
                 pWatchDog->SetCloseEvent(true);
-                LOG_INFO(L"Product Adapter Ombrine Crash Event!!");
+                QO_LOG(QoMsg::HOST_ENDED);
                 return true;
             case WAIT_OBJECT_0 + POS_SHUTDOWN_UIFRAMEWORK:
-                LOG_INFO(L"Update Event!!");
+                QO_LOG(QoMsg::REQUEST_UPDATE);
                 pWatchDog->SetCloseEvent(false);
                 return false;
             case WAIT_OBJECT_0 + POS_TERMINATE_AGENT_AND_WAITING:
                 pWatchDog->SetCloseEvent(true);
-                LOG_INFO(L"Close Session Agent and Waiting Event!!");
+                QO_LOG(QoMsg::REQUEST_CLOSE_AND_WAIT);
                 return true;
             default:
                 pWatchDog->SetCloseEvent(true);
-                LOG_ERROR(L"WaitForMultipleObjects Error");
+                QO_LOG(QoMsg::MAIN_WAIT_FAILED);
                 return false;
         }
     }
@@ -163,63 +163,63 @@ int Supervise(DWORD dwParentPid, HANDLE hTerminateEvent) {
     bool bNoWorkingPath = false;
     if (!GetAgentLocation(strAgentDir, strAgentPath, bNoWorkingPath)) {
         if (bNoWorkingPath) {
-            LOG_ERROR(L"Fail to get working path!!");
+            QO_LOG(QoMsg::WORKING_PATH_FAILED);
         } else {
-            LOG_ERROR(L"Fail to get Session Agent path!!");
+            QO_LOG(QoMsg::AGENT_PATH_FAILED);
         }
         return EXIT_FAILURE_CODE;
     }
 
     CWatchDog* pWatchDog = CWatchDog::GetInstance();
     if (pWatchDog == nullptr) {
-        LOG_ERROR(L"CWatchDog::GetInstance() Failed");
+        QO_LOG(QoMsg::INSTANCE_FAILED);
         return EXIT_FAILURE_CODE;
     }
     pWatchDog->Init(strAgentPath.c_str(), strAgentDir.c_str());
 
     if (!pWatchDog->WaitStartEvent(dwParentPid)) {
-        LOG_ERROR(L"Wait Start Event failed");
+        QO_LOG(QoMsg::GATE_FAILED);
         return EXIT_FAILURE_CODE;
     }
     pWatchDog->ReloadSessions();
-    LOG_INFO(L"Exit Reload User Session on Startup");
+    QO_LOG(QoMsg::GATE_PASSED);
 
     DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
     CEvent reloadEvent(EVENT_ID_BREVANT_WATCHDOG_RELOAD, false, &secAttr);
     if (!reloadEvent.IsValid()) {
-        LOG_ERROR(L"Failed to create watch dog reload event");
+        QO_LOG(QoMsg::RELOAD_EVENT_FAILED);
         return EXIT_FAILURE_CODE;
     }
     CEvent stopServiceEvent(EVENT_ID_BREVANT_STOP_SERVICE, false);
     if (!stopServiceEvent.IsValid()) {
-        LOG_ERROR(L"CEvent(EVENT_ID_BREVANT_STOP_SERVICE) Failed");
+        QO_LOG(QoMsg::STOP_EVENT_FAILED);
         return EXIT_FAILURE_CODE;
     }
     CEvent agentAndWaitingEvent(EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING, true);
     if (!agentAndWaitingEvent.IsValid()) {
-        LOG_ERROR(L"Failed to create Close Session Agent and Waiting event");
+        QO_LOG(QoMsg::CLOSE_AND_WAIT_EVENT_FAILED);
         return EXIT_FAILURE_CODE;
     }
     CEvent uiFrameworkEvent(EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK, true);
     if (!uiFrameworkEvent.IsValid()) {
-        LOG_ERROR(L"Failed to create shutdown uiFramework event");
+        QO_LOG(QoMsg::SHUTDOWN_EVENT_FAILED);
         return EXIT_FAILURE_CODE;
     }
     if (pWatchDog->GetParentProcess() == nullptr) {
-        LOG_ERROR(L"Parent Process does not exist!!");
+        QO_LOG(QoMsg::HOST_MISSING);
         return EXIT_FAILURE_CODE;
     }
     const HANDLE waitArray[MAIN_WAIT_COUNT] = {
         reloadEvent.GetHandle(),       stopServiceEvent.GetHandle(), hTerminateEvent,
         pWatchDog->GetParentProcess(), uiFrameworkEvent.GetHandle(), agentAndWaitingEvent.GetHandle()};
 
-    LOG_INFO(L"Enter WaitForMultipleObjects Main Loop");
+    QO_LOG(QoMsg::MAIN_LOOP);
     if (RunMainLoop(pWatchDog, waitArray)) {
         FinalWait(hTerminateEvent);
     }
     WaitForAllMonitorThreads();
     CWatchDog::ReleaseInstance();
-    LOG_INFO(L"Watch Dog finished");
+    QO_LOG(QoMsg::FINISHED);
     return 0;
 }
 
@@ -250,14 +250,14 @@ bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
     const DWORD dwStart = GetTickCount();
     DWORD dwOwnSession = 0;
     if (!GetProcessSessionId(GetCurrentProcessId(), dwOwnSession)) {
-        LOG_LAST_ERROR(L"ProcessIdToSessionId Error:");
+        QO_LOG_LAST_ERROR(QoMsg::SESSION_ID_FAILED);
         return false;
     }
     std::vector<SessionRecord> sessions;
     for (;;) {
         sessions.clear();
         if (!EnumUserSession(sessions)) {
-            LOG_ERROR(L"EnumUserSession fail");
+            QO_LOG(QoMsg::ENUM_SESSION_FAILED);
             return false;
         }
         for (const SessionRecord& record : sessions) {
@@ -276,14 +276,14 @@ bool waitExplorerProcessReady(DWORD dwTimeoutMs) {
 bool SetWatchDogReloadEvent() {
     const CKernelHandle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, EVENT_ID_BREVANT_WATCHDOG_RELOAD));
     if (!event.IsValid()) {
-        LOG_LAST_ERROR(L"Open Watch Dog Reload Event failed. Err=");
+        QO_LOG_LAST_ERROR(QoMsg::RELOAD_OPEN_FAILED);
         return false;
     }
     if (!SetEvent(event.Get())) {
-        LOG_LAST_ERROR(L"Set Watch Dog Reload failed. Err=");
+        QO_LOG_LAST_ERROR(QoMsg::RELOAD_SET_FAILED);
         return false;
     }
-    LOG_INFO(L"Set Watch Dog Reload successfully. ");
+    QO_LOG(QoMsg::RELOAD_SET);
     return true;
 }
 
@@ -302,13 +302,13 @@ DWORD CheckServiceAccess(const std::wstring& strServiceName, DWORD dwAccess) {
     const CServiceHandle manager(OpenSCManagerW(nullptr, nullptr, GENERIC_READ));
     if (!manager.IsValid()) {
         const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"OpenSCManager, GetLastError=" << dwErr);
+        QO_LOG(QoMsg::SCM_OPEN_FAILED, dwErr);
         return dwErr;
     }
     const CServiceHandle service(OpenServiceW(manager.Get(), strServiceName.c_str(), dwAccess));
     if (!service.IsValid()) {
         const DWORD dwErr = GetLastError();
-        LOG_ERROR(L"OpenService, GetLastError=" << dwErr);
+        QO_LOG(QoMsg::SERVICE_OPEN_FAILED, dwErr);
         return dwErr;
     }
     return 0;
@@ -316,20 +316,20 @@ DWORD CheckServiceAccess(const std::wstring& strServiceName, DWORD dwAccess) {
 
 void StartKeldService() {
     if (IsServiceRunning(KELD_SERVICE_NAME)) {
-        LOG_INFO(L"KELD service is running.");
+        QO_LOG(QoMsg::KELD_RUNNING);
         return;
     }
     BrevantUtility::Service::Control control;
     if (CheckServiceAccess(KELD_SERVICE_NAME, SERVICE_ALL_ACCESS) == 0) {
-        LOG_INFO(L"Start KELD service.");
+        QO_LOG(QoMsg::KELD_START);
         control.Start(KELD_SERVICE_NAME);
     }
 }
 
 void WaitForAllMonitorThreads() {
-    LOG_INFO(L"Start to Wait for All Monitor Thread.");
+    QO_LOG(QoMsg::MONITOR_WAIT_BEGIN);
     if (g_vecMonitorThreads.empty()) {
-        LOG_INFO(L"No Monitor Thread to be Waited.");
+        QO_LOG(QoMsg::NO_MONITOR);
         return;
     }
     std::vector<HANDLE> vecThreads;
@@ -348,7 +348,7 @@ void WaitForAllMonitorThreads() {
             dwRet = dwBatch;
         }
     }
-    LOG_INFO(L"Wait for All Monitor Thread. dwRet=" << dwRet);
+    QO_LOG(QoMsg::MONITOR_WAIT_END, dwRet);
     g_vecMonitorThreads.clear();
 }
 
@@ -361,9 +361,9 @@ int WatchDogMain(const wchar_t* lpCmdLine) {
     }
     SetLogFile(strLogDir);
 
-    LOG_INFO(L"Start Watch Dog");
+    QO_LOG(QoMsg::START);
     if (!bDebugDir) {
-        LOG_ERROR(L"GetKeldDebugLogPath failed. msg:" << strMessage);
+        QO_LOG(QoMsg::LOG_PATH_FAILED, strMessage);
     }
 
     int nParentPid = 0;
@@ -377,26 +377,26 @@ int WatchDogMain(const wchar_t* lpCmdLine) {
         return RunKeyMode();
     }
 
-    LOG_INFO(L"Watch Dog started");
+    QO_LOG(QoMsg::STARTED);
     DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
     CEvent terminateEvent(EVENT_ID_BREVANT_TERMINATE_WATCHDOG, false, &secAttr);
     if (!terminateEvent.IsValid()) {
-        LOG_ERROR(L"Failed to create watch dog terminate event");
+        QO_LOG(QoMsg::TERMINATE_EVENT_FAILED);
         return EXIT_FAILURE_CODE;
     }
     if (WaitForSingleObject(terminateEvent.GetHandle(), 0) == WAIT_OBJECT_0) {
-        LOG_INFO(L"Product Adapter notifies Watch Dog to terminate.");
+        QO_LOG(QoMsg::TERMINATE_PENDING);
         return EXIT_FAILURE_CODE;
     }
 
     CMutex mutex(QO_WATCH_DOG_NAMED_MUTEX);
     HandOverFromPredecessor(mutex);
     if (mutex.Exists()) {
-        LOG_ERROR(L"Another instance is running!!");
+        QO_LOG(QoMsg::ANOTHER_INSTANCE);
         return EXIT_FAILURE_CODE;
     }
     if (!mutex.Create()) {
-        LOG_ERROR(L"create mutex fail!!");
+        QO_LOG(QoMsg::MUTEX_FAILED);
         return EXIT_FAILURE_CODE;
     }
     return Supervise(static_cast<DWORD>(nParentPid), terminateEvent.GetHandle());

@@ -31,12 +31,11 @@ BOOL CALLBACK LoadSeAgntMaxNum(PINIT_ONCE, PVOID, PVOID*) {
     CRegKey key;
     const LONG lResult = key.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ);
     if (lResult != ERROR_SUCCESS) {
-        LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
-                  << lResult);
+        QO_LOG(QoMsg::INSTALL_KEY_OPEN_FAILED, lResult);
     } else {
         key.QueryDword(REG_VALUE_SE_AGNT_MAX_NUM, g_dwSeAgntMaxNum);  // unchanged unless a REG_DWORD
     }
-    LOG_INFO(L"Load SeAgntMaxNum=" << g_dwSeAgntMaxNum);
+    QO_LOG(QoMsg::SE_AGNT_MAX_NUM, g_dwSeAgntMaxNum);
     return TRUE;
 }
 
@@ -142,13 +141,13 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
     }
     const std::wstring strWorking = FullPath(workingPath);
     if (strWorking.empty()) {
-        LOG_ERROR(L" Working Path " << strWorking << L" is empty");
+        QO_LOG(QoMsg::WORKING_PATH_EMPTY, strWorking);
         return false;
     }
     m_strWorkingPath = strWorking;
     const std::wstring strAgent = FullPath(agentPath);
     if (strAgent.empty()) {
-        LOG_ERROR(L" Agent Path " << strAgent << L" is empty");
+        QO_LOG(QoMsg::AGENT_PATH_EMPTY, strAgent);
         return false;
     }
     m_strAgentPath = strAgent;
@@ -157,12 +156,12 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
         DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
         m_hCloseEvent.Reset(CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE));
         if (!m_hCloseEvent.IsValid()) {
-            LOG_LAST_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=");
+            QO_LOG_LAST_ERROR(QoMsg::CLOSE_EVENT_CREATE_FAILED);
         }
         m_hCloseNoStopEvent.Reset(
             CreateEventW(&secAttr, TRUE, FALSE, EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD));
         if (!m_hCloseNoStopEvent.IsValid()) {
-            LOG_LAST_ERROR(L"CreateEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD) Err=");
+            QO_LOG_LAST_ERROR(QoMsg::CLOSE_NO_STOP_KELD_EVENT_FAILED);
         }
     }
 
@@ -170,7 +169,7 @@ bool CWatchDog::Init(const wchar_t* agentPath, const wchar_t* workingPath) {
         Guard<CSLock> guard(&m_lock);
         m_shpSessionManager.reset(new (std::nothrow) CSessionManager(WATCHDOG_MAX_SESSIONS, this));
         if (!m_shpSessionManager) {
-            LOG_ERROR(L" Create Session Manager failed");
+            QO_LOG(QoMsg::SESSION_MANAGER_FAILED);
             return false;
         }
     }
@@ -195,7 +194,7 @@ void CWatchDog::ReloadSessions() {
     Guard<CSLock> guard(&m_lock);
     ResetEvent(m_hCloseEvent.Get());
     if (!m_shpSessionManager) {
-        LOG_ERROR(L"m_shpSessionManager is NULL.");
+        QO_LOG(QoMsg::SESSION_MANAGER_NULL);
         return;
     }
     std::vector<SessionRecord> sessions;
@@ -216,12 +215,12 @@ void CWatchDog::RegisterLocked(const std::vector<SessionRecord>& sessions) {
     for (const SessionRecord& record : sessions) {
         const INT32 nCreated = m_shpSessionManager->IsCreated(record.dwSessionId);
         if (nCreated != 0) {
-            LOG_INFO(L"m_shpSessionManager->IsCreated Ret=" << nCreated);
+            QO_LOG(QoMsg::SESSION_CREATED, nCreated);
             continue;
         }
         const INT32 nInserted = m_shpSessionManager->InsertSession(record);
         if (nInserted != 1) {
-            LOG_ERROR(L" Insert Session failed Err=" << nInserted);
+            QO_LOG(QoMsg::INSERT_SESSION_FAILED, nInserted);
         }
     }
 }
@@ -233,7 +232,7 @@ bool CWatchDog::RemoveKeldPathFromSystemPath() {
     }
     const boost::shared_ptr<wchar_t> shpCwd(_wgetcwd(nullptr, 0), free);
     if (!shpCwd) {
-        LOG_ERROR(L"_wgetcwd failed, system path left unchanged");
+        QO_LOG(QoMsg::GETCWD_FAILED);
         return false;
     }
     const std::wstring strDirectory(shpCwd.get());
@@ -243,9 +242,9 @@ bool CWatchDog::RemoveKeldPathFromSystemPath() {
     if (!FindPathEntry(strPath, strDirectory, nPos, nLength)) {
         return true;
     }
-    LOG_INFO(L"KELD path is found in system path, so remove it!");
+    QO_LOG(QoMsg::KELD_PATH_REMOVED);
     strPath.erase(nPos, nLength);
-    LOG_INFO(L"new system path=" << strPath);
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, strPath);
     SetSystemEnvPath(strPath);
     return true;
 }
@@ -253,20 +252,20 @@ bool CWatchDog::RemoveKeldPathFromSystemPath() {
 bool CWatchDog::WaitStartEvent(DWORD dwPID) {
     CEvent closeEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE, true);
     if (!closeEvent.IsValid()) {
-        LOG_LAST_ERROR(L"CEvent(EVENT_ID_BREVANT_WATCHDOG_CLOSE) Err=");
+        QO_LOG_LAST_ERROR(QoMsg::CLOSE_EVENT_OPEN_FAILED);
         return false;
     }
     DefSecAttr secAttr(DEF_SEC_ATTR_SDDL);
     // Exists exactly while the gate waits: other components may look for it.
     CEvent startServiceEvent(EVENT_ID_BREVANT_START_SERVICE, true, &secAttr);
     if (!startServiceEvent.IsValid()) {
-        LOG_LAST_ERROR(L"CEvent(EVENT_ID_BREVANT_START_SERVICE) Err=");
+        QO_LOG_LAST_ERROR(QoMsg::START_SERVICE_EVENT_FAILED);
         return false;
     }
     m_hParentProcess.Reset(
         OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPID));
     if (!m_hParentProcess.IsValid()) {
-        LOG_LAST_ERROR(L"OpenProcess dwPID=" << dwPID << L" , Err=");
+        QO_LOG_LAST_ERROR(QoMsg::HOST_OPEN_FAILED, dwPID);
         return false;
     }
     TrimWorkingSet();
@@ -345,9 +344,7 @@ private:
             return false;
         }
         if (m_bLost) {
-            LOG_ERROR(
-                L"Software\\Corvane\\Brevant\\0\\Install was deleted and created again: its "
-                L"SetStartEvent is watched again");
+            QO_LOG(QoMsg::INSTALL_KEY_RETURNED);
             m_bLost = false;
         }
         return true;
@@ -419,30 +416,29 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
     CRegKey installKey;
     const LONG lOpen = installKey.Open(HKEY_LOCAL_MACHINE, REG_INSTALL_KEY, KEY_READ);
     if (lOpen != ERROR_SUCCESS) {
-        LOG_ERROR(L"Fail to open Software\\Corvane\\Brevant\\0\\Install key under HKEY_LOCAL_MACHINE. err="
-                  << lOpen);
+        QO_LOG(QoMsg::INSTALL_KEY_OPEN_FAILED, lOpen);
         return false;
     }
     CKernelHandle changeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!changeEvent.IsValid()) {
-        LOG_LAST_ERROR(L"CreateEvent() fail. err=");
+        QO_LOG_LAST_ERROR(QoMsg::CREATE_EVENT_FAILED);
         return false;
     }
     CKernelHandle terminateEvent(OpenEventW(SYNCHRONIZE, FALSE, EVENT_ID_BREVANT_TERMINATE_WATCHDOG));
     DWORD dwWaitCount = 3;
     if (!terminateEvent.IsValid()) {
-        LOG_INFO(L"no terminated event exists.");
+        QO_LOG(QoMsg::NO_TERMINATED_EVENT);
         dwWaitCount = 2;
     }
     CGateWatch watch(installKey, changeEvent.Get());
     const HANDLE waitList[3] = {hParentProcess, changeEvent.Get(), terminateEvent.Get()};
-    LOG_INFO(L"Wait for set start event.");
+    QO_LOG(QoMsg::GATE_WAIT);
 
     for (;;) {
         // Armed before every look, so a change between the look and the wait still wakes it.
         const LONG lNotify = watch.Arm();
         if (lNotify != ERROR_SUCCESS) {
-            LOG_ERROR(L"RegNotifyChangeKeyValue() fail. err=" << lNotify);
+            QO_LOG(QoMsg::GATE_NOTIFY_FAILED, lNotify);
             return false;
         }
         if (watch.HasInstallKey() && IsStartValueSet(installKey)) {
@@ -450,26 +446,26 @@ bool WaitForSetStartEvent(HANDLE hParentProcess) {
         }
         const DWORD dwRet = WaitForMultipleObjects(dwWaitCount, waitList, FALSE, INFINITE);
         if (dwRet == WAIT_OBJECT_0) {
-            LOG_ERROR(L"Service process is shutdown.");
+            QO_LOG(QoMsg::GATE_HOST_ENDED);
             return false;
         }
         if (dwRet == WAIT_OBJECT_0 + 1) {
-            LOG_INFO(L"Regkey is changed. check again.");
+            QO_LOG(QoMsg::GATE_KEY_CHANGED);
             ResetEvent(changeEvent.Get());
             continue;
         }
         if (dwRet == WAIT_OBJECT_0 + 2) {
-            LOG_INFO(L"service notify terminate while installation.");
+            QO_LOG(QoMsg::GATE_TERMINATE);
             return false;
         }
         if (dwRet >= WAIT_ABANDONED_0 && dwRet <= WAIT_ABANDONED_0 + 2) {
-            LOG_ERROR(L"this should not happen, only mutex handle throws such error.");
+            QO_LOG(QoMsg::GATE_ABANDONED);
         } else if (dwRet == WAIT_TIMEOUT) {
-            LOG_ERROR(L"this should not happen, this is a infinite wait.");
+            QO_LOG(QoMsg::GATE_TIMEOUT);
         } else if (dwRet == WAIT_FAILED) {
-            LOG_LAST_ERROR(L"WaitForMultipleObjects() fail. error=");
+            QO_LOG_LAST_ERROR(QoMsg::GATE_WAIT_FAILED);
         } else {
-            LOG_ERROR(L"Unknown return, error=" << dwRet);
+            QO_LOG(QoMsg::GATE_UNKNOWN_RETURN, dwRet);
         }
         return false;
     }

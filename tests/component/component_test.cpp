@@ -44,44 +44,44 @@ SessionRecord Session(DWORD id, DWORD shellPid) { return SessionRecord{id, shell
 
 TEST(Log, LineFormCutsAndFaults) {
     const std::wstring path = UseLog(L"log");
-    LOG_INFO(L"Grüße, Δ and 日本 Err=" << 5);
-    LOG_ERROR(L"second");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"Grüße, Δ and 日本 Err=" + std::to_wstring(5));
+    QO_LOG(QoMsg::WORKING_PATH_EMPTY, L"second");
     const log_settings settings = {20, path};
     write_line(&settings, 10, L"below the threshold\n");
     qt::Log log = qt::ReadLog(path);
     ASSERT_EQ(2u, log.lines.size()) << "malformed: " << log.malformed.size();
     EXPECT_EQ(GetCurrentProcessId(), log.lines[0].pid);
     EXPECT_EQ(".\\component_test", log.lines[0].source);
-    EXPECT_EQ(u8"Grüße, Δ and 日本 Err=5", log.lines[0].message);
+    EXPECT_EQ(u8"new system path=Grüße, Δ and 日本 Err=5", log.lines[0].message);
     EXPECT_FALSE(log.lines[0].error);
     EXPECT_TRUE(log.lines[1].error);
 
     // A file of exactly the limit is appended to; one byte over it, it is replaced.
     MakeFile(path, LOG_FILE_SIZE_LIMIT);
-    LOG_INFO(L"appended");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"appended");
     EXPECT_GT(SizeOf(path), static_cast<size_t>(LOG_FILE_SIZE_LIMIT));
     MakeFile(path, LOG_FILE_SIZE_LIMIT + 1);
-    LOG_INFO(L"a new file");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"a new file");
     GetLogger().stream20() << L"half a statement";  // as one that failed half-way leaves it
     GetLogger().stream20().setstate(std::ios::badbit);
-    LOG_INFO(L"whole");
-    EXPECT_EQ("whole", qt::ReadLog(path).lines.back().message);
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"whole");
+    EXPECT_EQ("new system path=whole", qt::ReadLog(path).lines.back().message);
 
     // A debug folder deleted meanwhile is made again. Lines that cannot be written (a folder that
     // cannot be made, a file held with no sharing) are lost and told before the next that is.
     const std::wstring dir = path.substr(0, path.rfind(L'\\'));
     std::filesystem::remove_all(std::filesystem::path(dir));
-    LOG_INFO(L"in a folder made again");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"in a folder made again");
     GetLogger().set_file((dir + L"\\missing\\deeper\\QoWatchDog.log").c_str());
-    LOG_INFO(L"lost");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"lost");
     GetLogger().set_file(path.c_str());
     {
         const qt::Handle held =
             qt::Own(CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
         ASSERT_TRUE(held);
-        LOG_INFO(L"lost too");
+        QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"lost too");
     }
-    LOG_INFO(L"told");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"told");
     log = qt::ReadLog(path);
     EXPECT_EQ("",
               qt::InOrder(log, {"in a folder made again",
@@ -89,10 +89,10 @@ TEST(Log, LineFormCutsAndFaults) {
     EXPECT_EQ(3u, log.lines.size()) << qt::InOrder(log, {"?"});
     std::thread other([] {
         for (int i = 0; i < 200; ++i)
-            LOG_INFO(L"other thread " << i);
+            QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"other thread " + std::to_wstring(i));
     });
     for (int i = 0; i < 200; ++i)
-        LOG_INFO(L"main thread " << i);
+        QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"main thread " + std::to_wstring(i));
     other.join();
     log = qt::ReadLog(path);
     EXPECT_EQ(403u, log.lines.size());
@@ -108,7 +108,7 @@ TEST(Log, LineFormCutsAndFaults) {
             << "a read-only log cannot be opened for appending by this user: the move aside is not reached";
     }
     const __time64_t before = _time64(nullptr);
-    LOG_INFO(L"after the move");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"after the move");
     const std::wstring aside = path + std::to_wstring(before);
     const std::wstring asideLater = path + std::to_wstring(before + 1);
     EXPECT_TRUE(SizeOf(aside) == LOG_FILE_SIZE_LIMIT + 1 || SizeOf(asideLater) == LOG_FILE_SIZE_LIMIT + 1)
@@ -125,14 +125,14 @@ TEST(Log, ShortWriteCutBackAndTold) {
         GTEST_SKIP() << "runs under a file-size limit only: ctest -R component.Log.ShortWrite";
     const std::wstring path = UseLog(L"short");
     MakeFile(path, std::atol(limit) - 40);
-    LOG_INFO(L"a line longer than the 40 bytes of room left");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"a line longer than the 40 bytes of room left");
     EXPECT_EQ(static_cast<size_t>(std::atol(limit) - 40), SizeOf(path)) << "cut back";
     MakeFile(path, 0);
-    LOG_INFO(L"told");
+    QO_LOG(QoMsg::NEW_SYSTEM_PATH, L"told");
     const qt::Log log = qt::ReadLog(path);
     ASSERT_EQ(2u, log.lines.size()) << qt::InOrder(log, {"?"});
     EXPECT_EQ("1 log lines lost: the log could not be written, last error=112", log.lines[0].message);
-    EXPECT_EQ("told", log.lines[1].message);
+    EXPECT_EQ("new system path=told", log.lines[1].message);
 }
 
 TEST(Path, OnlyAWholeEntryIsFound) {

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 
 #include "ctl/LogTimeline.h"
+#include "ctl/Vocabulary.h"
 
 namespace {
 
@@ -18,6 +20,41 @@ std::string L(int minute, int second, int pid, const std::string& message, bool 
     std::snprintf(time, sizeof(time), "Mon Nov 16 20:%02d:%02d 2026", minute, second);
     return "[" + std::string(time) + "][" + std::to_string(pid) + "][Pellisk][.\\QoWatchDog][1][" +
            (error ? "ERROR" : "INFO") + "]" + message + "\r\n";
+}
+
+// A value for field i of a message's text, of the field's kind: a number, a word or a text with
+// spaces and the message's own punctuation in it.
+std::wstring Sample(const char* text, size_t i) {
+    for (size_t n = 0; (text = std::strchr(text, '{')) != nullptr; ++n, ++text) {
+        const char* close = std::strchr(text, '}');
+        const std::string spec(text + 1, close);
+        if (n == i)
+            return spec.find(":s") != std::string::npos ? L"C:\\Program Files (x86)\\a, b=1. c"
+                   : spec.find(":h") != std::string::npos
+                       ? L"00000000000001A4"
+                       : std::to_wstring(i % 2 == 0 ? 4000000000LL + static_cast<long long>(i) : -7LL);
+    }
+    return L"";
+}
+
+template <QoLog::EMsg E, size_t... I>
+std::wstring Written(QoLog::Msg<E> message, std::index_sequence<I...>) {
+    std::wostringstream out;
+    QoLog::WriteMessage(out, message, Sample(QoLog::Message(E).pszText, I)...);
+    return out.str();
+}
+
+// Each message as the watchdog writes it, with sample fields.
+const std::vector<std::pair<QoLog::EMsg, std::wstring>>& Catalogue() {
+    static const std::vector<std::pair<QoLog::EMsg, std::wstring>> s_written = {
+#define QO_WRITTEN(id, level, text) \
+    {QoLog::EMsg::id,               \
+     Written(QoMsg::id,             \
+             std::make_index_sequence<QoLog::FieldCount(QoLog::Message(QoLog::EMsg::id).pszText)>{})},
+        QO_LOG_MESSAGES(QO_WRITTEN)
+#undef QO_WRITTEN
+    };
+    return s_written;
 }
 
 struct Result {
@@ -160,6 +197,30 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
         EXPECT_TRUE(line.front() == '{' && line.back() == '}') << line;
 }
 
+TEST(Vocabulary, EveryMessageIsReadBackAsWrittenWithItsFields) {
+    ASSERT_EQ(QoLog::MESSAGE_COUNT, Catalogue().size());
+    for (const auto& written : Catalogue()) {
+        const QoLog::SMessage& message = QoLog::Message(written.first);
+        const std::string text(written.second.begin(), written.second.end());  // the samples are ASCII
+        QoWatchCtl::Recognised known;
+        ASSERT_EQ(QoWatchCtl::EMatch::KNOWN, QoWatchCtl::Recognise(text, message.bError, known)) << text;
+        EXPECT_STREQ(message.pszId, known.pMessage->pszId) << text;
+        ASSERT_EQ(QoLog::FieldCount(message.pszText), known.fields.size()) << text;
+        for (size_t i = 0; i < known.fields.size(); ++i) {
+            const std::wstring sample = Sample(message.pszText, i);
+            EXPECT_EQ(std::string(sample.begin(), sample.end()), known.fields[i].second) << text;
+        }
+        // At the other level it is not the watchdog's; cut where its last field begins, it is torn.
+        QoWatchCtl::Recognised other;
+        EXPECT_NE(QoWatchCtl::EMatch::KNOWN, QoWatchCtl::Recognise(text, !message.bError, other)) << text;
+        const std::string pattern = message.pszText;
+        if (!known.fields.empty() && pattern.compare(pattern.size() - 3, 3, ":s}") != 0) {
+            const std::string cut = text.substr(0, text.rfind(known.fields.back().second));
+            EXPECT_EQ(QoWatchCtl::EMatch::TORN, QoWatchCtl::Recognise(cut, message.bError, other)) << cut;
+        }
+    }
+}
+
 TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     // A line cut short and glued to the next, a known message cut short, control bytes, an unknown
     // message: each reported where it stands, none misread.
@@ -173,7 +234,7 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
                         "qoctl-1.log:2 (holds a second line's time stamp",
                         "qoctl-1.log:3 (a known message with a field missing", "ERROR Odd \\x1B[2J\\x01 text",
                         "supervisor started", "ended (exit code 0)", "Summary: 4 log lines, 2 malformed",
-                        "0 agent exit(s) not attributed"});
+                        "UNKNOWN message: Something new", "0 agent exit(s) not attributed"});
     EXPECT_LT(run.out.find("qoctl-1.log"), run.out.find("qoctl-0.log"));
     EXPECT_EQ(std::string::npos, run.out.find('\x1b'));
 

@@ -13,10 +13,12 @@ namespace {
 
 DWORD Exit(const qt::Proc& p) { return qt::ExitCode(p).value_or(0xDEAD); }
 
-// QoWatchCtl run as a support engineer would: its exit code, and texts its output must hold.
+// QoWatchCtl run as a support engineer would: its exit code, and texts its output must hold. The
+// log it reads holds no message that it does not know.
 void ExpectCtl(const std::wstring& args, DWORD code, const std::vector<std::string>& texts) {
     const auto [exit, out] = qt::Ctl(args);
     EXPECT_EQ(code, exit) << qt::ToUtf8(args) << ":\n" << out;
+    EXPECT_EQ(std::string::npos, out.find("UNKNOWN message")) << out;
     for (const std::string& text : texts) {
         EXPECT_NE(std::string::npos, out.find(text)) << qt::ToUtf8(args) << ": missing " << text << "\n"
                                                      << out;
