@@ -173,16 +173,34 @@ bool ParseLine(const std::string& text, Line& line, std::string& why) {
     return true;
 }
 
+namespace {
+
+// The length of the valid UTF-8 sequence that starts at text[i]; 0 when none does.
+size_t Utf8Length(const std::string& text, size_t i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+    for (size_t k = 1; k < length; ++k) {
+        if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) >> 6) != 2) {
+            length = 0;
+        }
+    }
+    return length;
+}
+
+}  // namespace
+
 std::string Escape(const std::string& text) {
     std::string out;
-    for (const char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (u < 0x20 || u == 0x7F) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char u = static_cast<unsigned char>(text[i]);
+        const size_t length = Utf8Length(text, i);
+        if (u < 0x20 || u == 0x7F || length == 0) {
             char hex[8];
             std::snprintf(hex, sizeof(hex), "\\x%02X", u);
             out += hex;
         } else {
-            out += c;
+            out.append(text, i, length);
+            i += length - 1;
         }
     }
     return out;
@@ -192,12 +210,7 @@ std::string JsonString(const std::string& text) {
     std::string out = "\"";
     for (size_t i = 0; i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-        for (size_t k = 1; k < length; ++k) {
-            if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) >> 6) != 2) {
-                length = 0;
-            }
-        }
+        const size_t length = Utf8Length(text, i);
         char escaped[8];
         if (c == '"' || c == '\\') {
             out += '\\';

@@ -21,7 +21,8 @@ struct Line {
 // the time stamp of a second line (a torn line glued to the next), or a known message cut short.
 bool ParseLine(const std::string& text, Line& line, std::string& why);
 
-// Control bytes as \xNN, so that a damaged log cannot drive the terminal.
+// Control bytes and bytes that are not valid UTF-8 as \xNN, so that a damaged log cannot drive the
+// terminal.
 std::string Escape(const std::string& text);
 
 // A JSON string: quotes, backslashes and control bytes escaped; a byte that is not part of valid

@@ -268,6 +268,11 @@ private:
                        "ERROR " + Escape(msg) + meaning);
         e.message = msg;
         Put(e);
+        // The main loop's wait failed: the supervisor closes its agents and shuts down.
+        if (known.Is(EMsg::MAIN_WAIT_FAILED)) {
+            process.lastEvent = "main_wait_failed";
+            SupervisionEnds(line, process, "a failed wait");
+        }
     }
 
     void Handle(const Line& line) {
@@ -538,6 +543,16 @@ int ParseOptions(const std::vector<std::string>& args, Options& o, std::ostream&
     return -1;
 }
 
+// Waits for the followed log to change; false once nothing written from now on can lie before until
+// (a change after it is still read once).
+bool Awaits(CFileWatch& watch, long long until) {
+    if (until < 0) {
+        return watch.Wait();
+    }
+    const long long left = until - LocalNowSeconds();
+    return left >= 0 && watch.Wait(static_cast<long>(std::min(left + 1, 86400LL) * 1000));
+}
+
 // The first time stamp of a file's lines; a file without one sorts last.
 long long FirstTime(const std::vector<std::string>& lines) {
     Line line;
@@ -606,18 +621,37 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
     const bool bGiven = !o.files.empty();
     if (!bGiven) {
         o.files = LogAndRotated(defaultLog);
+        if (o.files.empty() && o.bFollow) {
+            o.files.push_back(defaultLog);
+        }
     }
     std::vector<std::pair<long long, std::string>> inputs;
     std::vector<std::vector<std::string>> contents;
+    std::vector<std::filesystem::path> seen;
+    int result = 0;
     for (const std::string& file : o.files) {
+        std::error_code error;
+        const std::filesystem::path same =
+            std::filesystem::weakly_canonical(std::filesystem::u8path(file), error);
+        if (std::find(seen.begin(), seen.end(), same) != seen.end()) {
+            err << "log: " << file << " is given twice: read once\n";
+            continue;
+        }
+        seen.push_back(same);
         std::vector<std::string> lines;
         std::string why;
-        if (!ReadLines(file, lines, why)) {
+        // A log to follow that does not exist yet is waited for, as tail -F does.
+        const bool bAwaited = o.bFollow && &file == &o.files.back() && !std::filesystem::exists(same, error);
+        if (!bAwaited && !ReadLines(file, lines, why)) {
             err << "log: " << file << " " << why << "\n";
-            return 2;
+            result = 2;
+            continue;
         }
         inputs.emplace_back(FirstTime(lines), file);
         contents.push_back(lines);
+    }
+    if (inputs.empty()) {
+        return 2;
     }
     // Files given in any order are read oldest first, one without a time stamp after the others;
     // the log and its rotated files in the order of the rotation.
@@ -635,7 +669,6 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
     }
     LogState state;
     CTimeline timeline(state, o.bJson);
-    int result = 0;
     for (const size_t i : order) {
         const std::string& file = inputs[i].second;
         if (!o.bJson) {
@@ -655,7 +688,7 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
                         : " is not a watchdog log: none of its " + std::to_string(contents[i].size()) +
                               " lines has the log's form")
                 << "\n";
-            result = 1;
+            result = std::max(result, 1);
         }
     }
     if (o.bFollow) {
@@ -679,7 +712,7 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
                 Print(out, e, o);
             }
             out.flush();
-        } while ((!keepFollowing || keepFollowing()) && watch.Wait());
+        } while ((!keepFollowing || keepFollowing()) && Awaits(watch, o.until));
     }
     timeline.Flush(true);
     for (const Entry& e : timeline.Take()) {

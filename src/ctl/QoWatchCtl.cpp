@@ -161,7 +161,11 @@ int wmain(int argc, wchar_t** argv) {
         return Status(strPlatform, bJson, std::cout);
     }
     if (command == "report") {
-        return args.size() <= 2 ? Report(args.size() == 2 ? argv[2] : L"") : Usage(std::cerr, STATUS_USAGE);
+        if (args.size() > 2 || (args.size() == 2 && args[1].size() > 1 && args[1][0] == '-')) {
+            std::cerr << "report: takes only a file name\n";
+            return Usage(std::cerr, STATUS_USAGE);
+        }
+        return Report(args.size() == 2 ? argv[2] : L"");
     }
     for (const Request& request : REQUESTS) {
         if (command != request.pszCommand) {

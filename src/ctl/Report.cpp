@@ -85,9 +85,17 @@ int Report(const std::wstring& strGiven) {
             << (p.started >= 0 ? " since " + FormatTime(p.started) : "") << " " << Utf8(p.strImage) << "\n";
     }
     std::string fallbackWhy;
-    for (const std::string& file : LogAndRotated(Utf8(LogPath(fallbackWhy)))) {
+    const std::string strLog = Utf8(LogPath(fallbackWhy));
+    const std::vector<std::string> files = LogAndRotated(strLog);
+    if (files.empty()) {
+        out << "\n== log file " << strLog << ": none yet\n";
+    }
+    for (const std::string& file : files) {
         std::ifstream log(std::filesystem::u8path(file), std::ios::binary);
-        out << "\n== log file " << file << (log ? "\n" : ": cannot be read\n") << log.rdbuf();
+        out << "\n== log file " << file << (log ? "\n" : ": cannot be read\n");
+        if (log && log.peek() != std::ifstream::traits_type::eof()) {
+            out << log.rdbuf();
+        }
     }
     if (!out.flush()) {
         std::cerr << "report: " << Utf8(strFile) << " could not be written whole\n";

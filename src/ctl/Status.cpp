@@ -13,8 +13,8 @@
 #include "foundation/LogLocation.h"
 #include "foundation/ProcessImage.h"
 #include "foundation/ScopedHandle.h"
+#include "foundation/SessionRecord.h"
 #include "foundation/kernel_objects.h"
-#include "session/SessionAgentMonitor.h"
 
 namespace QoWatchCtl {
 namespace {
@@ -253,11 +253,17 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
                (pSupervisor == nullptr && ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD))) {
         // The event may stay set after its supervisor has ended, while another process holds it.
         set(STATUS_STOPPED, "update", "closing for an update: agents kept until the close event is set", {});
-    } else if (last == "request_terminate") {
-        set(STATUS_STOPPED, "terminating", "terminating: waits for its agents to end, then ends", {});
+    } else if (last == "request_terminate" || last == "main_wait_failed") {
+        set(STATUS_STOPPED, "terminating",
+            last == "main_wait_failed"
+                ? "shutting down after its wait failed: waits for its agents to end, then ends"
+                : "terminating: waits for its agents to end, then ends",
+            {});
     } else if (last == "request_close_and_wait" || last == "host_ended") {
         set(STATUS_FINAL_WAIT, "closing_agents",
-            "closing its agents: waits for them to end, then sits in its final wait", {});
+            "entering its final wait: its agents are told to end; it waits for a start or terminate request, "
+            "then for its agents",
+            {});
     } else if (ManualEventIsSet(EVENT_ID_BREVANT_WATCHDOG_CLOSE)) {
         set(STATUS_STOPPED, "stopped", "supervision stopped by a stop request; a reload restarts it",
             mainLoop);

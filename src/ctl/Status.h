@@ -15,7 +15,7 @@ enum StatusCode {
     STATUS_SERVING = 0,           // every session with a shell has its agent or is off by a graceful end
     STATUS_SESSIONS_MISSING = 1,  // serving, but some session with a shell has no agent
     STATUS_AT_GATE = 2,           // starting, or waiting at its start gate
-    STATUS_FINAL_WAIT = 3,        // closing its agents for, or sitting in, its final wait; a hand-over
+    STATUS_FINAL_WAIT = 3,        // entering or sitting in its final wait; a hand-over
     STATUS_STOPPED = 4,           // supervision stopped, terminating, or closing for an update
     STATUS_NONE = 5,              // no supervisor
     STATUS_CRASH_LOOP = 6,        // serving, but a session's agent is in a crash loop

@@ -11,3 +11,7 @@ struct SessionRecord {
     HANDLE hAgentProcess;  // the agent CreateSessionAgent started, for its caller to close
     bool bOff;             // the agent ended gracefully or could not be started again
 };
+
+// Sessions per monitor thread: with its close and reload events a monitor waits on at most 64
+// handles, the most one WaitForMultipleObjects takes. QoWatchCtl groups sessions by it too.
+const DWORD SESSIONS_PER_MONITOR = 62;

@@ -17,10 +17,6 @@
 // Every monitor thread ever started; waited on and closed only at shutdown.
 extern std::vector<CKernelHandle> g_vecMonitorThreads;
 
-// Sessions per monitor thread: with its close and reload events a monitor waits on at most 64
-// handles, the most one WaitForMultipleObjects takes.
-const DWORD SESSIONS_PER_MONITOR = 62;
-
 // A session in its monitor: waiting for an agent (none started yet, or the agent limit held it
 // back), running (its agent is watched), or off (its agent ended gracefully or could not be started
 // again; nothing is started until the session is registered with another shell).

@@ -2,6 +2,7 @@
 // attributes and flags, and damaged input. Portable: runs natively and under Wine.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -77,6 +78,7 @@ Result Timeline(const std::vector<std::string>& contents, std::vector<std::strin
         std::ofstream(path, std::ios::binary) << contents[i];
         if (names.empty())
             args.insert(args.begin() + i, path.string());  // the files before the options
+        std::replace(args.begin(), args.end(), "@" + std::to_string(i), path.string());
     }
     std::ostringstream out;
     const auto log = dir / "QoWatchDog.log";
@@ -135,7 +137,8 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
             L(2, 9, 30, "Start Watch Dog") + L(2, 9, 30, "Watch Dog started by runkey") +
             L(2, 10, 30, "Exit Watch Dog From Run Key. nRet=0") +
             // The process id used again: the earlier exit stays unattributed, the start is a start.
-            L(3, 0, 10, "Start Watch Dog") + L(3, 0, 10, "Watch Dog started") + Started(3, 1, 10, 50, 4);
+            L(3, 0, 10, "Start Watch Dog") + L(3, 0, 10, "Watch Dog started") + Started(3, 1, 10, 50, 4) +
+            L(3, 2, 10, "WaitForMultipleObjects Error", true);
     const Result run = Timeline({life});
     EXPECT_EQ(0, run.code);
     ExpectHas(
@@ -145,6 +148,7 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "[10] start gate: the install key was deleted and created again",
          "[10] LOG GAP: 3 line(s) of this process could not be written before this point (32: ",
          "[10] serving: main loop",
+         "[10] session 4: loses its agent (pid 50): a failed wait; it is not restarted",
          "[10] session 1: agent started (pid 20)",
          "session 1: agent ended, exit 0xC0000005 access violation; restarted (pid 21)",
          "session 1: agent ended, exit 0xC0000142 DLL initialization failed (the session is ending) "
@@ -158,7 +162,7 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "20:02:05  [10] an agent ended, exit 0x0 normal end; the log does not tell in which session",
          "session 1: loses its agent (pid 22): a terminate request; it is not restarted",
          "20:03:01  [10] session 4: agent started (pid 50)",
-         "2 supervisor start(s), 2 run-key instance(s), 8 error(s), 1 agent exit(s) not attributed to a "
+         "2 supervisor start(s), 2 run-key instance(s), 9 error(s), 1 agent exit(s) not attributed to a "
          "session, 3 line(s) the watchdog could not write",
          "session 1: 3 agent start(s), 1 restart(s), 1 ungraceful end(s), 1 graceful end(s), 1 off, 1 "
          "on again",
@@ -227,16 +231,23 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     const std::string glued = L(0, 0, 10, "Session agent exits, graceful=0, ha");
     const std::string damaged = L(0, 0, 10, "Watch Dog started") + glued.substr(0, glued.size() - 2) +
                                 L(0, 1, 10, "Start Watch Dog") + glued +
-                                L(0, 1, 10, "Odd \x1b[2J\x01 text", true) + L(0, 1, 10, "Something new");
+                                L(0, 1, 10, "Odd \x1b[2J\x01 \xFF\xFE text", true) +
+                                L(0, 1, 10, "Something new");
     Result run = Timeline({L(0, 2, 10, "Watch Dog finished"), damaged});
     EXPECT_EQ(0, run.code);
     ExpectHas(run.out, {"files read in the order of their first time stamp",
                         "qoctl-1.log:2 (holds a second line's time stamp",
-                        "qoctl-1.log:3 (a known message with a field missing", "ERROR Odd \\x1B[2J\\x01 text",
-                        "supervisor started", "ended (exit code 0)", "Summary: 4 log lines, 2 malformed",
+                        "qoctl-1.log:3 (a known message with a field missing",
+                        "ERROR Odd \\x1B[2J\\x01 \\xFF\\xFE text", "supervisor started",
+                        "ended (exit code 0)", "Summary: 4 log lines, 2 malformed",
                         "UNKNOWN message: Something new", "0 agent exit(s) not attributed"});
     EXPECT_LT(run.out.find("qoctl-1.log"), run.out.find("qoctl-0.log"));
-    EXPECT_EQ(std::string::npos, run.out.find('\x1b'));
+    EXPECT_EQ(std::string::npos, run.out.find_first_of("\x1b\xFF"));
+
+    // A file given twice is read once; one that cannot be read is told, and the others are read.
+    run = Timeline({L(0, 0, 10, "Watch Dog started")}, {"@0", "missing.log"});
+    EXPECT_EQ(2, run.code);
+    ExpectHas(run.out, {"is given twice: read once", "missing.log", "Summary: 1 log lines"});
 
     // A UTF-16 log is read by its byte order mark; a folder, an empty file and a text that is no log
     // are refused; every option is checked.
@@ -304,6 +315,25 @@ TEST(Timeline, FollowsTheLogAcrossACut) {
     ExpectHas(run.out, order);
     for (size_t i = 1; i < order.size(); ++i)
         EXPECT_LT(run.out.find(order[i - 1]), run.out.find(order[i])) << order[i] << "\n" << run.out;
+
+    // A log not made yet is waited for, as tail -F does.
+    step = 0;
+    EXPECT_EQ(0, Timeline({}, {"--follow"}, {}, [&step](const std::filesystem::path& log) {
+                     std::ofstream(log, std::ios::binary) << L(0, 0, 10, "Watch Dog started");
+                     return ++step < 2;
+                 }).code);
+    // With --until passed, nothing to come can be shown: it ends after what is there (the writes
+    // would wake a follower that waits on).
+    step = 0;
+    EXPECT_EQ(0, Timeline({L(0, 0, 10, "Watch Dog started")}, {"--follow", "--until", "2026-11-16T20:05:00"},
+                          {"QoWatchDog.log"},
+                          [&step](const std::filesystem::path& log) {
+                              std::ofstream(log, std::ios::binary | std::ios::app)
+                                  << L(9, 0, 10, "Update Event!!");
+                              return ++step < 3;
+                          })
+                     .code);
+    EXPECT_EQ(1, step);
 }
 
 }  // namespace

@@ -39,6 +39,8 @@ TEST(Supervisor, WholeLife) {
     qt::Agents started;
     ExpectCtl(L"status", 5, {"Supervisor: none", "Keld service: stopped"});
     ExpectCtl(L"reload", 1, {"reload: refused: the supervisor is none: no supervisor holds"});
+    ExpectCtl(L"report \"" + qt::Scratch(L"report") + L"\\before.txt\"", 0, {"before.txt"});
+    ExpectCtl(L"report --json", 9, {"report: takes only a file name"});
     const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
 

@@ -79,6 +79,10 @@ std::wstring Scratch(const std::wstring& name) {
     GetTempPathW(MAX_PATH, temp);
     const std::wstring dir = std::wstring(temp) + L"qotest-" + name + std::to_wstring(GetCurrentProcessId()) +
                              L"-" + std::to_wstring(++s_made);
+    // Wine gives process ids out again: a folder left by an earlier test process of the same id is
+    // emptied, so its files (a log above all) never mix with this run's.
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(dir), ignored);
     CreateDirectoryW(dir.c_str(), nullptr);
     return dir;
 }
