@@ -20,7 +20,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 WINE64=${QO_WINE64:-/usr/lib/wine/wine64}
 WINESERVER=${QO_WINESERVER:-/usr/lib/wine/wineserver}
 PACKAGES=(cmake make g++ g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 clang clang-tidy wine64 libboost-dev
-          googletest python3)
+          googletest python3 prometheus)
 
 die() { echo "lifecycle.sh: $*" >&2; [ -z "${log:-}" ] || tail -n 20 "$log" >&2 2>/dev/null || true; exit 1; }
 

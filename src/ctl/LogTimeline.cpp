@@ -240,6 +240,7 @@ private:
         if (known.Is(EMsg::LINES_LOST)) {
             const long long lost = known.Number("count");
             m_lostLines += static_cast<size_t>(lost);
+            m_state.lostLines += lost;
             Entry e = Make(line.seconds, line.pid, -1, "log_gap",
                            "LOG GAP: " + std::to_string(lost) +
                                " line(s) of this process could not be written before this point" + meaning);

@@ -49,6 +49,7 @@ struct ProcessLog {
 struct LogState {
     std::map<unsigned long, ProcessLog> processes;
     std::vector<std::string> recentErrors;  // the last [ERROR] lines, as "time [pid] message"
+    long long lostLines = 0;                // lines the watchdog told it could not write
 };
 
 // Reads files (oldest first) into state; false, with why, when one cannot be read.

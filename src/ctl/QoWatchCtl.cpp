@@ -2,6 +2,8 @@
 // is and changes nothing; a request sets the event a client component would set, when something
 // waits on it; "log" tells the watchdog's log as a timeline (ctl/LogTimeline); "report" gathers all
 // of it into one file for a ticket.
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -58,7 +60,7 @@ const Request REQUESTS[] = {
 };
 
 int Usage(std::ostream& out, int nCode) {
-    out << "usage: QoWatchCtl status [--platform DIR] [--json]\n"
+    out << "usage: QoWatchCtl status [--platform DIR] [--json | --prometheus]\n"
            "       QoWatchCtl reload | stop | terminate | update | close-and-wait | start-keld [--wait "
            "SECONDS]\n"
            "       QoWatchCtl log [FILE...] [--session N] [--since TIME] [--until TIME] [--json] [--follow]\n"
@@ -147,10 +149,10 @@ int wmain(int argc, wchar_t** argv) {
     }
     if (command == "status") {
         std::wstring strPlatform;
-        bool bJson = false;
+        EFormat eFormat = EFormat::TEXT;
         for (size_t i = 1; i < args.size(); ++i) {
-            if (args[i] == "--json") {
-                bJson = true;
+            if (args[i] == "--json" || args[i] == "--prometheus") {
+                eFormat = args[i] == "--json" ? EFormat::JSON : EFormat::PROMETHEUS;
             } else if (args[i] == "--platform" && i + 1 < args.size()) {
                 strPlatform = argv[++i + 1];
             } else {
@@ -158,7 +160,11 @@ int wmain(int argc, wchar_t** argv) {
                 return Usage(std::cerr, STATUS_USAGE);
             }
         }
-        return Status(strPlatform, bJson, std::cout);
+        if (eFormat == EFormat::PROMETHEUS) {
+            std::cout.flush();
+            _setmode(_fileno(stdout), _O_BINARY);  // the exposition format ends its lines with \n alone
+        }
+        return Status(strPlatform, eFormat, std::cout);
     }
     if (command == "report") {
         if (args.size() > 2 || (args.size() == 2 && args[1].size() > 1 && args[1][0] == '-')) {

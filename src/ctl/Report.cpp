@@ -74,7 +74,7 @@ int Report(const std::wstring& strGiven) {
     }
     out << "QoWatchCtl " << QO_VERSION << " report, made " << FormatTime(LocalNowSeconds(), true)
         << "\n\n== status\n";
-    Status(L"", false, out);
+    Status(L"", EFormat::TEXT, out);
     out << "\n== registry\n";
     for (const wchar_t* pszKey : {REG_INSTALL_KEY, REG_KELD_KEY}) {
         Values(out, pszKey);

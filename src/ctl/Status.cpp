@@ -85,20 +85,6 @@ std::string KeldState() {
     return status.dwCurrentState < 8 ? s_states[status.dwCurrentState] : "?";
 }
 
-std::string JsonTime(long long seconds) {
-    return seconds < 0 ? "null" : JsonString(FormatTime(seconds, true));
-}
-
-// A session as status tells it.
-struct SessionView {
-    std::vector<DWORD> shells;
-    std::vector<const Process*> agents;
-    std::string state;  // running, off, no_agent, restart_failed, crash_loop, two_agents, supervision_ended
-    std::string why;
-    size_t restartsLastHour = 0;
-    bool bCrashLoop = false;
-};
-
 bool InCrashLoop(const std::vector<long long>& restarts, long long now) {
     if (restarts.size() < CRASH_LOOP_RESTARTS || now - restarts.back() > CRASH_LOOP_SECONDS) {
         return false;
@@ -273,13 +259,15 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
     return phase;
 }
 
-int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) {
+StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
+    StatusReport r;
     const std::vector<Process> processes = Processes();
     std::string fallbackWhy, logWhy;
     const std::wstring strLog = LogPath(fallbackWhy);
     LogState log;
     const bool bLog = ReadLogState(LogAndRotated(Utf8(strLog)), log, logWhy);
-    Phase phase = ReadPhase(log, processes);
+    r.phase = ReadPhase(log, processes);
+    Phase& phase = r.phase;
     const auto supervisorLog = log.processes.find(phase.dwSupervisor);
     const ProcessLog* pSupervisor = supervisorLog != log.processes.end() ? &supervisorLog->second : nullptr;
 
@@ -292,13 +280,13 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
     }
     std::wstring strAgentDir, strAgent;
     const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
-    const std::string agentText =
-        bAgent ? Utf8(strAgent)
-        : strPlatform.empty()
-            ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
-            : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
+    r.bAgent = bAgent;
+    r.agentText = bAgent ? Utf8(strAgent)
+                  : strPlatform.empty()
+                      ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
+                      : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
 
-    std::map<DWORD, SessionView> sessions;
+    std::map<DWORD, SessionView>& sessions = r.sessions;
     std::set<DWORD> agentPids;
     if (pSupervisor != nullptr) {
         for (const auto& s : pSupervisor->sessions) {
@@ -310,13 +298,13 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
             sessions[p.dwSession].shells.push_back(p.dwPid);
         } else if ((bAgent && SameText(p.strImage, strAgent)) ||
                    (!bAgent && agentPids.count(p.dwPid) != 0 && !SameText(p.strName, WATCHDOG_IMAGE_NAME))) {
-            sessions[p.dwSession].agents.push_back(&p);
+            sessions[p.dwSession].agents.push_back(p);
         }
     }
     DWORD dwMaxValue = 0;
-    bool bMaxDword = false;
-    const std::string maxText = RegValue(REG_VALUE_SE_AGNT_MAX_NUM, dwMaxValue, bMaxDword);
+    r.maxText = RegValue(REG_VALUE_SE_AGNT_MAX_NUM, dwMaxValue, r.bMaxDword);
     const long long loadedMax = pSupervisor != nullptr ? pSupervisor->seAgntMaxNum : -1;
+    r.loadedMax = loadedMax;
     const long long now = LocalNowSeconds();
     int worst = STATUS_SERVING;
     for (auto& entry : sessions) {
@@ -384,110 +372,39 @@ int Status(const std::wstring& strPlatformGiven, bool bJson, std::ostream& out) 
 
     DWORD dwGate = 0;
     bool bGateDword = false;
-    const std::string gateText = RegValue(REG_VALUE_SET_START_EVENT, dwGate, bGateDword);
-    const bool bOpens = bGateDword && dwGate == 1;
-    const std::string installDir = Utf8(RegText(REG_KELD_KEY, REG_VALUE_INSTALL_DIR));
-    const std::string keld = KeldState();
-    std::vector<std::pair<const Process*, std::string>> watchdogs;
+    r.gateText = RegValue(REG_VALUE_SET_START_EVENT, dwGate, bGateDword);
+    r.bGateOpens = bGateDword && dwGate == 1;
+    r.installDir = Utf8(RegText(REG_KELD_KEY, REG_VALUE_INSTALL_DIR));
+    r.keld = KeldState();
     for (const Process& p : processes) {
         if (SameText(p.strName, WATCHDOG_IMAGE_NAME)) {
             const auto it = log.processes.find(p.dwPid);
-            watchdogs.emplace_back(&p, p.dwPid == phase.dwSupervisor                     ? "supervisor"
-                                       : p.dwPid == phase.dwSuccessor                    ? "successor"
-                                       : it != log.processes.end() && it->second.bRunKey ? "run_key"
-                                                                                         : "unknown");
+            r.watchdogs.push_back({p, p.dwPid == phase.dwSupervisor                     ? "supervisor"
+                                      : p.dwPid == phase.dwSuccessor                    ? "successor"
+                                      : it != log.processes.end() && it->second.bRunKey ? "run_key"
+                                                                                        : "unknown"});
         }
     }
+    r.log = Utf8(strLog);
+    r.logFallback = fallbackWhy;
+    r.logNote = bLog                                                            ? ""
+                : GetFileAttributesW(strLog.c_str()) == INVALID_FILE_ATTRIBUTES ? "not there yet"
+                                                                                : logWhy;
+    r.recentErrors = log.recentErrors;
+    r.lostLines = log.lostLines;
+    return r;
+}
 
-    if (bJson) {
-        out << "{\"phase\":" << JsonString(phase.id) << ",\"phase_text\":" << JsonString(phase.text)
-            << ",\"exit_code\":" << phase.nCode << ",\"supervisor_pid\":" << phase.dwSupervisor
-            << ",\"watchdog_processes\":[";
-        for (size_t i = 0; i < watchdogs.size(); ++i) {
-            out << (i ? "," : "") << "{\"pid\":" << watchdogs[i].first->dwPid
-                << ",\"role\":" << JsonString(watchdogs[i].second)
-                << ",\"started\":" << JsonTime(watchdogs[i].first->started) << "}";
-        }
-        out << "],\"set_start_event\":" << JsonString(gateText)
-            << ",\"gate_opens\":" << (bOpens ? "true" : "false")
-            << ",\"se_agnt_max_num\":" << JsonString(maxText)
-            << ",\"se_agnt_max_num_loaded\":" << (loadedMax >= 0 ? std::to_string(loadedMax) : "null")
-            << ",\"install_dir\":" << JsonString(installDir) << ",\"log\":" << JsonString(Utf8(strLog))
-            << ",\"log_fallback\":" << (fallbackWhy.empty() ? "null" : JsonString(fallbackWhy))
-            << ",\"keld_service\":" << JsonString(keld)
-            << ",\"agent\":" << (bAgent ? JsonString(agentText) : "null") << ",\"sessions\":[";
-        bool bFirst = true;
-        for (const auto& entry : sessions) {
-            const SessionView& v = entry.second;
-            out << (bFirst ? "" : ",") << "{\"session\":" << entry.first
-                << ",\"state\":" << JsonString(v.state) << ",\"shells\":[";
-            for (size_t i = 0; i < v.shells.size(); ++i) {
-                out << (i ? "," : "") << v.shells[i];
-            }
-            out << "],\"agents\":[";
-            for (size_t i = 0; i < v.agents.size(); ++i) {
-                out << (i ? "," : "") << "{\"pid\":" << v.agents[i]->dwPid
-                    << ",\"started\":" << JsonTime(v.agents[i]->started) << "}";
-            }
-            out << "],\"restarts_last_hour\":" << v.restartsLastHour
-                << ",\"crash_loop\":" << (v.bCrashLoop ? "true" : "false")
-                << ",\"why\":" << (v.why.empty() ? "null" : JsonString(v.why)) << "}";
-            bFirst = false;
-        }
-        out << "],\"recent_errors\":[";
-        for (size_t i = 0; i < log.recentErrors.size(); ++i) {
-            out << (i ? "," : "") << JsonString(log.recentErrors[i]);
-        }
-        out << "]}\n";
-        return phase.nCode;
+int Status(const std::wstring& strPlatform, EFormat eFormat, std::ostream& out) {
+    const StatusReport report = GatherStatus(strPlatform);
+    if (eFormat == EFormat::JSON) {
+        RenderJson(report, out);
+    } else if (eFormat == EFormat::PROMETHEUS) {
+        RenderPrometheus(report, out);
+    } else {
+        RenderText(report, out);
     }
-
-    out << "Supervisor: " << phase.text
-        << (phase.dwSupervisor != 0 ? " (process " + std::to_string(phase.dwSupervisor) + ")" : "")
-        << "\nWatchdog processes:";
-    for (const auto& w : watchdogs) {
-        out << " " << w.first->dwPid << " " << w.second
-            << (w.first->started >= 0 ? " since " + FormatTime(w.first->started) : "") << ";";
-    }
-    out << (watchdogs.empty() ? " none" : "") << "\nSetStartEvent: " << gateText
-        << (bOpens ? ": the start gate opens" : ": the start gate stays shut")
-        << "\nSeAgntMaxNum: " << maxText << (bMaxDword ? "" : ", so the default 2147483647")
-        << " in the registry; "
-        << (loadedMax >= 0 ? "the supervisor loaded " + std::to_string(loadedMax) + " (once per process)"
-                           : "not loaded by a supervisor")
-        << "\nInstallDir: " << installDir << "\nLog: " << Utf8(strLog)
-        << (fallbackWhy.empty() ? "" : " (the fallback: " + fallbackWhy + ")")
-        << (bLog                                                            ? ""
-            : GetFileAttributesW(strLog.c_str()) == INVALID_FILE_ATTRIBUTES ? " (not there yet)"
-                                                                            : " (" + logWhy + ")")
-        << "\nKeld service: " << keld << "\nAgent: " << agentText
-        << "\nSessions:" << (sessions.empty() ? " none with a shell" : "") << "\n";
-    for (const auto& entry : sessions) {
-        const SessionView& v = entry.second;
-        out << "  session " << entry.first << ": shell";
-        for (const DWORD dwShell : v.shells) {
-            out << " " << dwShell;
-        }
-        out << (v.shells.empty() ? " none" : "") << "; ";
-        for (const Process* p : v.agents) {
-            out << "agent " << p->dwPid << (p->started >= 0 ? " since " + FormatTime(p->started) : "")
-                << "; ";
-        }
-        if (v.state == "crash_loop" || v.state == "two_agents") {
-            out << (v.state == "crash_loop" ? "CRASH LOOP: " : "TWO AGENTS: ");
-        } else if (v.agents.empty()) {
-            out << (v.state == "off" || v.state == "supervision_ended" ? "no agent: " : "NO AGENT: ");
-        }
-        out << (v.why.empty() ? "" : v.why + "; ") << v.restartsLastHour << " restart(s) in the last hour\n";
-    }
-    if (!log.recentErrors.empty()) {
-        out << "Recent errors in the log:\n";
-        for (const std::string& line : log.recentErrors) {
-            out << "  " << line << "\n";
-        }
-    }
-    out << "Exit code " << phase.nCode << "\n";
-    return phase.nCode;
+    return report.phase.nCode;
 }
 
 }  // namespace QoWatchCtl

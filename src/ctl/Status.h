@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -53,7 +54,51 @@ struct Phase {
 
 Phase ReadPhase(const LogState& log, const std::vector<Process>& processes);
 
-// "status [--platform DIR] [--json]": the machine and the supervisor as they are now.
-int Status(const std::wstring& strPlatform, bool bJson, std::ostream& out);
+// A session as status tells it.
+struct SessionView {
+    std::vector<DWORD> shells;
+    std::vector<Process> agents;
+    std::string state;  // running, off, no_agent, restart_failed, crash_loop, two_agents, supervision_ended,
+                        // gone
+    std::string why;
+    size_t restartsLastHour = 0;
+    bool bCrashLoop = false;
+};
+
+// A watchdog process and its role: supervisor, successor, run_key or unknown.
+struct WatchdogView {
+    Process process;
+    std::string role;
+};
+
+// The machine and the supervisor as they are now, gathered once and then rendered.
+struct StatusReport {
+    Phase phase;
+    std::vector<WatchdogView> watchdogs;
+    std::string gateText;  // SetStartEvent as stored
+    bool bGateOpens = false;
+    std::string maxText;  // SeAgntMaxNum as stored
+    bool bMaxDword = false;
+    long long loadedMax = -1;  // as the supervisor loaded it; -1 before
+    std::string installDir, log, logFallback, logNote, keld;
+    bool bAgent = false;    // the agent's path is known
+    std::string agentText;  // its path, or why it is unknown
+    std::map<DWORD, SessionView> sessions;
+    std::vector<std::string> recentErrors;
+    long long lostLines = 0;
+};
+
+StatusReport GatherStatus(const std::wstring& strPlatform);
+
+enum class EFormat { TEXT, JSON, PROMETHEUS };
+
+void RenderText(const StatusReport& report, std::ostream& out);
+void RenderJson(const StatusReport& report, std::ostream& out);
+// The Prometheus text exposition format, as a textfile collector reads it.
+void RenderPrometheus(const StatusReport& report, std::ostream& out);
+
+// "status [--platform DIR] [--json | --prometheus]": the machine and the supervisor as they are now;
+// returns the status code.
+int Status(const std::wstring& strPlatform, EFormat eFormat, std::ostream& out);
 
 }  // namespace QoWatchCtl

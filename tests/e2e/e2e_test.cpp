@@ -14,11 +14,24 @@ namespace {
 DWORD Exit(const qt::Proc& p) { return qt::ExitCode(p).value_or(0xDEAD); }
 
 // QoWatchCtl run as a support engineer would: its exit code, and texts its output must hold. The
-// log it reads holds no message that it does not know.
+// log it reads holds no message that it does not know. Each status is also taken as metrics, kept
+// per phase for the exposition format's checker (ctest e2e.promtool).
 void ExpectCtl(const std::wstring& args, DWORD code, const std::vector<std::string>& texts) {
     const auto [exit, out] = qt::Ctl(args);
     EXPECT_EQ(code, exit) << qt::ToUtf8(args) << ":\n" << out;
     EXPECT_EQ(std::string::npos, out.find("UNKNOWN message")) << out;
+    if (args == L"status") {
+        const auto [metricsExit, metrics] = qt::Ctl(L"status --prometheus");
+        EXPECT_EQ(code, metricsExit) << metrics;
+        const size_t at = metrics.find("\"} 1\n");
+        const size_t from = metrics.rfind('"', at - 1) + 1;
+        ASSERT_NE(std::string::npos, at) << "no phase:\n" << metrics;
+        const std::string phase = metrics.substr(from, at - from);
+        std::ofstream(std::filesystem::path(qt::BuildPath("QO_METRICS_DIR") + L"\\" +
+                                            std::wstring(phase.begin(), phase.end()) + L".prom"),
+                      std::ios::binary)
+            << metrics;
+    }
     for (const std::string& text : texts) {
         EXPECT_NE(std::string::npos, out.find(text)) << qt::ToUtf8(args) << ": missing " << text << "\n"
                                                      << out;

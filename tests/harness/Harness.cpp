@@ -20,15 +20,6 @@ DWORD Left(ULONGLONG deadline) {
     return static_cast<DWORD>(std::max<LONGLONG>(0, deadline - GetTickCount64()));
 }
 
-// A Unix path from CMake, as Wine shows it on drive Z:.
-std::wstring BuildPath(const char* variable) {
-    const char* value = std::getenv(variable);
-    const std::string unix = value != nullptr ? value : "";  // a build directory: ASCII
-    std::wstring path = L"Z:" + std::wstring(unix.begin(), unix.end());
-    std::replace(path.begin(), path.end(), L'/', L'\\');
-    return path;
-}
-
 std::string ReadBytes(const std::wstring& path) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
@@ -55,6 +46,14 @@ void StopKeld() {
 }
 
 }  // namespace
+
+std::wstring BuildPath(const char* variable) {
+    const char* value = std::getenv(variable);
+    const std::string unix = value != nullptr ? value : "";  // a build directory: ASCII
+    std::wstring path = L"Z:" + std::wstring(unix.begin(), unix.end());
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    return path;
+}
 
 Handle Own(HANDLE h) { return Handle(h == INVALID_HANDLE_VALUE ? nullptr : h); }
 
