@@ -256,12 +256,19 @@ long long ParseTime(const std::string& text) {
     long long count = 0;
     char unit = 0, extra = 0;
     if (std::sscanf(text.c_str(), "-%lld%c%c", &count, &unit, &extra) == 2 && count >= 0) {
-        const std::string units = "smhd";
-        const long long sizes[] = {1, 60, 3600, 86400};
+        const std::string units = "smhdw";
+        const long long sizes[] = {1, 60, 3600, 86400, 7 * 86400};
         const size_t at = units.find(unit);
         return at != std::string::npos ? now - count * sizes[at] : -1;
     }
     int y = 0, mon = 0, d = 0, h = 0, min = 0, s = 0, used = 0;
+    // A time of day alone: today at that time.
+    if ((std::sscanf(text.c_str(), "%2d:%2d%n", &h, &min, &used) == 2 ||
+         std::sscanf(text.c_str(), "%2d:%2d:%2d%n", &h, &min, &s, &used) == 3) &&
+        used == static_cast<int>(text.size()) && text.size() >= 5) {
+        return ValidCivil(1970, 1, 1, h, min, s) ? today + h * 3600 + min * 60 + s : -1;
+    }
+    used = 0;
     char name[4] = {}, day[4] = {};
     if (std::sscanf(text.c_str(), "%3s %3s %d %d:%d:%d %d%n", day, name, &d, &h, &min, &s, &y, &used) == 7 &&
         used == static_cast<int>(text.size())) {

@@ -53,6 +53,7 @@ struct Entry {
     std::string event, text, message;
     long long exitCode = -1, count = -1, until = -1;
     bool graceful = false;  // as the exit line says
+    bool bOwnExit = false;  // the exit code is the watchdog process's own, not an agent's
     unsigned long agentPid = 0;
 };
 
@@ -157,7 +158,8 @@ private:
         if (e.session >= 0 && e.event == "agent_restarted") {
             std::vector<Entry>& run = m_runs[e.session];
             if (!run.empty() &&
-                (run.back().exitCode != e.exitCode || e.seconds - run.back().seconds > CRASH_LOOP_SECONDS)) {
+                !ContinuesRun({run.back().seconds, static_cast<unsigned long>(run.back().exitCode)},
+                              {e.seconds, static_cast<unsigned long>(e.exitCode)})) {
                 FlushRun(e.session);
             }
             run.push_back(e);
@@ -333,7 +335,7 @@ private:
         }
         ++counts.crashes;
         ++counts.restarts;
-        s.restarts.push_back(line.seconds);
+        s.restarts.push_back({line.seconds, exit.code});
         s.exitCode = exit.code;
         Entry e = Ended(exit, line.pid, id, "agent_restarted", "; restarted" + pid);
         e.agentPid = work.newPid;
@@ -412,9 +414,14 @@ private:
         if (known.Is(EMsg::RUN_KEY_EXIT)) {
             const long long n = known.Number("ret");
             ++m_runKeys;
-            Put(Make(work.runKeyStart >= 0 ? work.runKeyStart : line.seconds, line.pid, -1, "run_key",
-                     n == 0 ? "run-key instance: asked the supervisor to reload"
-                            : "run-key instance: no supervisor to notify (exit code -1)"));
+            Entry e = Make(work.runKeyStart >= 0 ? work.runKeyStart : line.seconds, line.pid, -1, "run_key",
+                           n == 0 ? "run-key instance: asked the supervisor to reload"
+                                  : "run-key instance: no supervisor to notify (exit code -1)");
+            e.exitCode = static_cast<long long>(static_cast<unsigned int>(n));
+            e.bOwnExit = true;
+            process.ended = line.seconds;
+            process.exitCode = n;
+            Put(e);
             return;
         }
         for (const Event& event : s_events) {
@@ -427,7 +434,14 @@ private:
             process.bKeldAsked = process.bKeldAsked || id == "keld_start_asked" || id == "keld_running";
             process.bFinished = process.bFinished || id == "ended";
             process.lastEvent = id;
-            Put(Make(line.seconds, line.pid, -1, event.event, event.text));
+            Entry e = Make(line.seconds, line.pid, -1, event.event, event.text);
+            if (id == "ended") {
+                e.exitCode = 0;
+                e.bOwnExit = true;
+                process.ended = line.seconds;
+                process.exitCode = 0;
+            }
+            Put(e);
             if (event.ends != nullptr) {
                 SupervisionEnds(line, process, event.ends);
             }
@@ -449,18 +463,24 @@ private:
 
 struct Options {
     std::vector<std::string> files;
-    long long since = -1, until = -1, session = -1;
+    long long since = -1, until = -1, session = -1, last = -1;
+    std::string grep;
     bool bJson = false, bFollow = false;
 };
 
-void Print(std::ostream& out, const Entry& e, const Options& o) {
+bool Shown(const Entry& e, const Options& o) {
     if ((o.since >= 0 && e.seconds < o.since) || (o.until >= 0 && e.seconds > o.until)) {
-        return;
+        return false;
+    }
+    if (!o.grep.empty() && e.text.find(o.grep) == std::string::npos &&
+        e.message.find(o.grep) == std::string::npos) {
+        return false;
     }
     // Narrowed to one session: its own entries and the processes' events that explain its gaps.
-    if (o.session >= 0 && (e.session >= 0 ? e.session != o.session : e.event == "agent_exit_unattributed")) {
-        return;
-    }
+    return o.session < 0 || (e.session >= 0 ? e.session == o.session : e.event != "agent_exit_unattributed");
+}
+
+void Print(std::ostream& out, const Entry& e, const Options& o) {
     if (!o.bJson) {
         out << (e.bTimed ? FormatTime(e.seconds) : std::string(19, ' ')) << "  "
             << (e.pid != 0 ? "[" + std::to_string(e.pid) + "] " : std::string())
@@ -479,8 +499,10 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
     if (e.exitCode >= 0) {
         const unsigned long code = static_cast<unsigned long>(e.exitCode);
         out << ",\"exit_code\":" << code << ",\"exit_hex\":" << JsonString(Hex(code))
-            << ",\"exit_name\":" << JsonString(ExitWord(code))
-            << ",\"graceful\":" << (e.graceful ? "true" : "false");
+            << ",\"exit_name\":" << JsonString(ExitWord(code));
+        if (!e.bOwnExit) {
+            out << ",\"graceful\":" << (e.graceful ? "true" : "false");
+        }
     }
     if (e.agentPid != 0) {
         out << ",\"agent_pid\":" << e.agentPid;
@@ -499,9 +521,12 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
 }
 
 int Usage(std::ostream& out, int code) {
-    out << "usage: log [FILE...] [--session N] [--since TIME] [--until TIME] [--json] [--follow|-f]\n"
+    out << "usage: log [FILE...] [--session N] [--since TIME] [--until TIME] [--grep TEXT] [-n N] [--json]\n"
+           "           [--follow|-f]\n"
            "  TIME: 2026-11-23T11:29:55 (or with a space, a date alone, an offset such as +01:00),\n"
-           "        \"Mon Nov 23 11:29:55 2026\" (the log's form), -30s, -10m, -1h, -2d, today, yesterday\n";
+           "        \"Mon Nov 23 11:29:55 2026\" (the log's form), 11:29 or 11:29:55 (today), -30s, -10m, "
+           "-1h,\n"
+           "        -2d, -1w, today, yesterday\n";
     return code;
 }
 
@@ -516,7 +541,7 @@ int ParseOptions(const std::vector<std::string>& args, Options& o, std::ostream&
             (arg == "--json" ? o.bJson : o.bFollow) = true;
             continue;
         }
-        if (arg != "--session" && arg != "--since" && arg != "--until") {
+        if (arg != "--session" && arg != "--since" && arg != "--until" && arg != "--grep" && arg != "-n") {
             if (arg.size() > 1 && arg[0] == '-') {
                 err << "log: unknown option " << Escape(arg) << "\n";
                 return Usage(err, 2);
@@ -529,19 +554,45 @@ int ParseOptions(const std::vector<std::string>& args, Options& o, std::ostream&
             return Usage(err, 2);
         }
         const std::string& value = args[++i];
-        long long& target = arg == "--session" ? o.session : arg == "--since" ? o.since : o.until;
+        if (arg == "--grep") {
+            o.grep = value;
+            continue;
+        }
+        const bool bNumber = arg == "--session" || arg == "-n";
+        long long& target = arg == "--session" ? o.session
+                            : arg == "-n"      ? o.last
+                            : arg == "--since" ? o.since
+                                               : o.until;
         target =
-            arg != "--session" ? ParseTime(value)
+            !bNumber ? ParseTime(value)
             : value.empty() || value.size() > 9 || value.find_first_not_of("0123456789") != std::string::npos
                 ? -1
                 : std::stoll(value);
         if (target < 0) {
             err << "log: " << arg << " " << Escape(value) << " is not a "
-                << (arg == "--session" ? "session id" : "time") << "\n";
+                << (arg == "--session" ? "session id"
+                    : bNumber          ? "count"
+                                       : "time")
+                << "\n";
             return Usage(err, 2);
         }
     }
     return -1;
+}
+
+// Prints the entries the options show; the first batch only its last N with -n, as tail does.
+void PrintShown(std::ostream& out, const std::vector<Entry>& entries, Options& o) {
+    std::vector<const Entry*> shown;
+    for (const Entry& e : entries) {
+        if (Shown(e, o)) {
+            shown.push_back(&e);
+        }
+    }
+    const size_t last = o.last >= 0 ? static_cast<size_t>(o.last) : shown.size();
+    for (size_t i = shown.size() > last ? shown.size() - last : 0; i < shown.size(); ++i) {
+        Print(out, *shown[i], o);
+    }
+    o.last = -1;
 }
 
 // Waits for the followed log to change; false once nothing written from now on can lie before until
@@ -709,16 +760,12 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
                 timeline.Add(path, ++number, text);
             }
             timeline.Flush(false);
-            for (const Entry& e : timeline.Take()) {
-                Print(out, e, o);
-            }
+            PrintShown(out, timeline.Take(), o);
             out.flush();
         } while ((!keepFollowing || keepFollowing()) && Awaits(watch, o.until));
     }
     timeline.Flush(true);
-    for (const Entry& e : timeline.Take()) {
-        Print(out, e, o);
-    }
+    PrintShown(out, timeline.Take(), o);
     if (!o.bJson) {
         timeline.Summary(out, o.session);
     }

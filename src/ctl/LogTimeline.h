@@ -22,15 +22,32 @@ std::string Win32Meaning(long long code);
 // An exit code in hex with its name: "0xC0000005 access violation", "0x1".
 std::string ExitName(unsigned long code);
 
+// How often a session may be restarted in a row before it is called a crash loop, and how soon
+// each restart must follow the one before.
+const size_t CRASH_LOOP_RESTARTS = 5;
+const long long CRASH_LOOP_SECONDS = 60;
+
+struct Restart {
+    long long seconds = 0;
+    unsigned long exitCode = 0;  // of the agent that ended
+};
+
+// The crash-loop rule, written once: restarts of a session in a row, each within CRASH_LOOP_SECONDS
+// of the one before and after an end with the same exit code, are a crash loop once there are
+// CRASH_LOOP_RESTARTS of them.
+inline bool ContinuesRun(const Restart& last, const Restart& next) {
+    return next.exitCode == last.exitCode && next.seconds - last.seconds <= CRASH_LOOP_SECONDS;
+}
+
 // A session as the log of one supervisor tells it.
 struct SessionLog {
     enum EState { UNKNOWN, RUNNING, GRACEFUL_END, RESTART_FAILED, START_FAILED, SUPERVISION_ENDED };
     EState eState = UNKNOWN;
     unsigned long agentPid = 0;
-    long long since = 0;              // when the state began
-    unsigned long exitCode = 0;       // of the agent's last end
-    std::string why;                  // the error or request that ended its agent
-    std::vector<long long> restarts;  // their times
+    long long since = 0;         // when the state began
+    unsigned long exitCode = 0;  // of the agent's last end
+    std::string why;             // the error or request that ended its agent
+    std::vector<Restart> restarts;
 };
 
 // One process of the log since its "Start Watch Dog" (a process id may be used again later).
@@ -42,7 +59,10 @@ struct ProcessLog {
     bool bHandOver = false;       // waits for a predecessor in its final wait to end
     bool bKeldAsked = false;      // in its final wait, asked to start Keld
     long long seAgntMaxNum = -1;  // as it loaded it, once
-    std::string lastEvent;        // the event of its last such line: request_stop, host_ended, ended...
+    long long ended = -1;         // when it logged its end
+    long long exitCode = -1;      // as its end tells it: 0, or a run-key instance's -1
+
+    std::string lastEvent;  // the event of its last such line: request_stop, host_ended, ended...
     std::map<long long, SessionLog> sessions;
 };
 
@@ -54,10 +74,5 @@ struct LogState {
 
 // Reads files (oldest first) into state; false, with why, when one cannot be read.
 bool ReadLogState(const std::vector<std::string>& files, LogState& state, std::string& why);
-
-// How often a session may be restarted, each within this many seconds of the last, before it is
-// called a crash loop.
-const size_t CRASH_LOOP_RESTARTS = 5;
-const long long CRASH_LOOP_SECONDS = 60;
 
 }  // namespace QoWatchCtl

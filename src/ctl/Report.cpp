@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "ctl/LogReader.h"
+#include "ctl/LogTimeline.h"
 #include "ctl/Status.h"
 #include "foundation/CRegKey.h"
 #include "foundation/Contract.h"
@@ -74,7 +75,20 @@ int Report(const std::wstring& strGiven) {
     }
     out << "QoWatchCtl " << QO_VERSION << " report, made " << FormatTime(LocalNowSeconds(), true)
         << "\n\n== status\n";
-    Status(L"", EFormat::TEXT, out);
+    const StatusReport status = GatherStatus(L"");
+    RenderText(status, out);
+    out << "\n== named objects\n";
+    for (const auto& object : NamedObjects()) {
+        out << "  " << object.first << ": " << object.second << "\n";
+    }
+    const std::wstring strIni = status.platform + L"\\" + SESSION_AGENT_INI;
+    std::ifstream ini(std::filesystem::path(strIni), std::ios::binary);
+    out << "\n== "
+        << (status.platform.empty() ? "Session_Agent.ini: no supervisor runs to tell its directory\n"
+                                    : Utf8(strIni) + (ini ? "\n" : ": cannot be read\n"));
+    if (ini && ini.peek() != std::ifstream::traits_type::eof()) {
+        out << ini.rdbuf();
+    }
     out << "\n== registry\n";
     for (const wchar_t* pszKey : {REG_INSTALL_KEY, REG_KELD_KEY}) {
         Values(out, pszKey);
@@ -97,6 +111,8 @@ int Report(const std::wstring& strGiven) {
             out << log.rdbuf();
         }
     }
+    out << "\n== timeline\n";
+    RunLog({}, strLog, out, out);
     if (!out.flush()) {
         std::cerr << "report: " << Utf8(strFile) << " could not be written whole\n";
         return 2;

@@ -35,6 +35,37 @@ bool ManualEventIsSet(const wchar_t* pszName) {
     return event.IsValid() && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
 }
 
+}  // namespace
+
+std::vector<std::pair<std::string, std::string>> NamedObjects() {
+    // Manual-reset events stay set until reset, so their state can be read without taking it.
+    static const std::pair<const wchar_t*, bool> s_events[] = {
+        {EVENT_ID_BREVANT_TERMINATE_WATCHDOG, false},
+        {EVENT_ID_BREVANT_START_KELD_WITHOUT_UAC, false},
+        {EVENT_ID_BREVANT_WATCHDOG_RELOAD, false},
+        {EVENT_ID_BREVANT_STOP_SERVICE, false},
+        {EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK, true},
+        {EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING, true},
+        {EVENT_ID_BREVANT_WATCHDOG_CLOSE, true},
+        {EVENT_ID_BREVANT_WATCHDOG_CLOSE_NO_STOP_KELD, true},
+        {EVENT_ID_BREVANT_START_SERVICE, true},
+    };
+    std::vector<std::pair<std::string, std::string>> objects;
+    objects.emplace_back(
+        Utf8(QO_WATCH_DOG_NAMED_MUTEX),
+        BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists() ? "exists" : "absent");
+    for (const auto& event : s_events) {
+        const bool bExists = EventExists(event.first);
+        objects.emplace_back(Utf8(event.first), !bExists        ? "absent"
+                                                : !event.second ? "exists (auto-reset: its state is not read)"
+                                                : ManualEventIsSet(event.first) ? "exists, set"
+                                                                                : "exists, not set");
+    }
+    return objects;
+}
+
+namespace {
+
 long long LocalSeconds(const FILETIME& utc) {
     FILETIME local = {};
     SYSTEMTIME t = {};
@@ -85,16 +116,14 @@ std::string KeldState() {
     return status.dwCurrentState < 8 ? s_states[status.dwCurrentState] : "?";
 }
 
-bool InCrashLoop(const std::vector<long long>& restarts, long long now) {
-    if (restarts.size() < CRASH_LOOP_RESTARTS || now - restarts.back() > CRASH_LOOP_SECONDS) {
-        return false;
+// A session's restarts whose run is still a crash loop: it has enough of them, and the next
+// restart, were it now, would still continue it.
+bool InCrashLoop(const std::vector<Restart>& restarts, long long now) {
+    size_t run = restarts.empty() ? 0 : 1;
+    for (size_t i = restarts.size(); i > 1 && ContinuesRun(restarts[i - 2], restarts[i - 1]); --i) {
+        ++run;
     }
-    for (size_t i = restarts.size() - CRASH_LOOP_RESTARTS + 1; i < restarts.size(); ++i) {
-        if (restarts[i] - restarts[i - 1] > CRASH_LOOP_SECONDS) {
-            return false;
-        }
-    }
-    return true;
+    return run >= CRASH_LOOP_RESTARTS && now - restarts.back().seconds <= CRASH_LOOP_SECONDS;
 }
 
 // Why a session with a shell has no agent, as the supervisor's log tells it; empty state when the
@@ -280,6 +309,7 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
     }
     std::wstring strAgentDir, strAgent;
     const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
+    r.platform = strPlatform;
     r.bAgent = bAgent;
     r.agentText = bAgent ? Utf8(strAgent)
                   : strPlatform.empty()
@@ -313,12 +343,19 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
         if (pSupervisor != nullptr && pSupervisor->sessions.count(entry.first) != 0) {
             pKnown = &pSupervisor->sessions.at(entry.first);
         }
-        if (pKnown != nullptr) {
-            view.restartsLastHour =
-                static_cast<size_t>(std::count_if(pKnown->restarts.begin(), pKnown->restarts.end(),
-                                                  [now](long long t) { return now - t <= HOUR; }));
-            view.bCrashLoop = InCrashLoop(pKnown->restarts, now);
+        // Restarts count across supervisors: a new one does not make a crashing agent new.
+        std::vector<Restart> restarts;
+        for (const auto& process : log.processes) {
+            const auto it = process.second.sessions.find(entry.first);
+            if (it != process.second.sessions.end()) {
+                restarts.insert(restarts.end(), it->second.restarts.begin(), it->second.restarts.end());
+            }
         }
+        std::stable_sort(restarts.begin(), restarts.end(),
+                         [](const Restart& a, const Restart& b) { return a.seconds < b.seconds; });
+        view.restartsLastHour = static_cast<size_t>(std::count_if(
+            restarts.begin(), restarts.end(), [now](const Restart& r) { return now - r.seconds <= HOUR; }));
+        view.bCrashLoop = InCrashLoop(restarts, now);
         int code = STATUS_SERVING;
         const bool bEnded = pKnown != nullptr && pKnown->eState != SessionLog::RUNNING &&
                             pKnown->eState != SessionLog::UNKNOWN;
@@ -333,8 +370,9 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
                                                   : STATUS_SERVING;
         } else if (view.bCrashLoop && !bEnded) {
             view.state = "crash_loop";
-            view.why = "restarted " + std::to_string(pKnown->restarts.size()) + " times, the last " +
-                       FormatTime(pKnown->restarts.back()) + "; last exit " + ExitName(pKnown->exitCode);
+            view.why = "restarted " + std::to_string(view.restartsLastHour) +
+                       " times in the last hour, the last " + FormatTime(restarts.back().seconds) +
+                       "; last exit " + ExitName(restarts.back().exitCode);
             code = STATUS_CRASH_LOOP;
         } else if (!view.agents.empty()) {
             view.state = "running";

@@ -81,6 +81,7 @@ struct StatusReport {
     bool bMaxDword = false;
     long long loadedMax = -1;  // as the supervisor loaded it; -1 before
     std::string installDir, log, logFallback, logNote, keld;
+    std::wstring platform;  // the supervisor's directory, or as given; empty when unknown
     bool bAgent = false;    // the agent's path is known
     std::string agentText;  // its path, or why it is unknown
     std::map<DWORD, SessionView> sessions;
@@ -89,6 +90,10 @@ struct StatusReport {
 };
 
 StatusReport GatherStatus(const std::wstring& strPlatform);
+
+// The watchdog's named objects by name: "absent", "exists", and for a manual-reset event whether
+// it is set.
+std::vector<std::pair<std::string, std::string>> NamedObjects();
 
 enum class EFormat { TEXT, JSON, PROMETHEUS };
 

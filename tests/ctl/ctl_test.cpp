@@ -183,18 +183,31 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
     ExpectHas(Timeline({life}, {"--since", "2026-11-16T20:02:09"}).out, {"request served: terminate"});
     EXPECT_EQ(std::string::npos, Timeline({life}, {"--since", "-1h"}).out.find("supervisor started"));
     EXPECT_NE(std::string::npos, Timeline({life}, {"--since", "-20000d"}).out.find("supervisor started"));
+    for (const char* recent : {"-1w", "00:00"}) {
+        const Result since = Timeline({life}, {"--since", recent});
+        EXPECT_EQ(0, since.code) << recent;
+        EXPECT_EQ(std::string::npos, since.out.find("supervisor started")) << recent;
+    }
+    // The last of the events that hold a text, as tail -n and grep would give them.
+    const std::string lastLoop = Timeline({life}, {"--grep", "CRASH LOOP", "-n", "1"}).out;
+    ExpectHas(lastLoop, {"session 3: CRASH LOOP: restarted 5 times 20:01:00-20:01:40"});
+    EXPECT_EQ(std::string::npos, lastLoop.find("agent started"));
 
     // JSON Lines for scripts: one event a line, every restart of the loop, times with their offset.
     const Result json = Timeline({life}, {"--json", "--until", "Mon Nov 16 20:02:09 2026"});
-    ExpectHas(
-        json.out,
-        {"{\"time\":\"2026-11-16T20:00:02",
-         "\"event\":\"agent_restarted\",\"pid\":10,\"session\":1,"
-         "\"exit_code\":3221225477,\"exit_hex\":\"0xC0000005\",\"exit_name\":\"access violation\","
-         "\"graceful\":false,\"agent_pid\":21,",
-         "\"event\":\"crash_loop\",\"pid\":10,\"session\":3,\"exit_code\":1,",
-         "\"count\":5,\"until\":\"2026-11-16T20:01:40", "\"agent_pid\":44,",
-         "\"event\":\"supervision_ended\"", "\"message\":\"Gr\xC3\xBC\xC3\x9F \\\"q\\\" \\\\ \\u00FF\"}"});
+    ExpectHas(json.out,
+              {"{\"time\":\"2026-11-16T20:00:02",
+               "\"event\":\"agent_restarted\",\"pid\":10,\"session\":1,"
+               "\"exit_code\":3221225477,\"exit_hex\":\"0xC0000005\",\"exit_name\":\"access violation\","
+               "\"graceful\":false,\"agent_pid\":21,",
+               "\"event\":\"crash_loop\",\"pid\":10,\"session\":3,\"exit_code\":1,",
+               "\"count\":5,\"until\":\"2026-11-16T20:01:40", "\"agent_pid\":44,",
+               "\"event\":\"supervision_ended\"",
+               "\"event\":\"ended\",\"pid\":10,\"exit_code\":0,\"exit_hex\":\"0x0\",\"exit_name\":\"normal "
+               "end\",\"text\"",
+               "\"event\":\"run_key\",\"pid\":30,\"exit_code\":0,\"exit_hex\":\"0x0\",\"exit_name\":\"normal "
+               "end\",\"text\"",
+               "\"message\":\"Gr\xC3\xBC\xC3\x9F \\\"q\\\" \\\\ \\u00FF\"}"});
     EXPECT_EQ(std::string::npos, json.out.find("\"agent_pid\":50")) << "until 20:02:09";
     std::istringstream lines(json.out);
     for (std::string line; std::getline(lines, line);)
@@ -269,6 +282,8 @@ TEST(Timeline, DamagedInputIsReportedNeverDropped) {
     EXPECT_EQ(1, Timeline({""}).code) << "an empty file holds no log line";
     const std::vector<std::vector<std::string>> wrong = {{"--since", "2026-13-45 99:99:99"},
                                                          {"--until", "2026-02-30"},
+                                                         {"--since", "24:00"},
+                                                         {"-n", "x"},
                                                          {"--session", "x"},
                                                          {"--verbose"},
                                                          {"--session"},

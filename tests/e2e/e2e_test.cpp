@@ -302,9 +302,12 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ExpectCtl(L"report \"" + report + L"\"", 0, {"report: "});
     std::ostringstream text;
     text << std::ifstream(std::filesystem::path(report)).rdbuf();
-    for (const char* part : {"QoWatchCtl 1.", "== status\nSupervisor: serving",
-                             "SetStartEvent = 1 (REG_DWORD)", "InstallDir = \"C:\\Program Files",
-                             "QoWatchDog.exe since 20", "== log file ", "[INFO]Load SeAgntMaxNum=0"}) {
+    for (const char* part :
+         {"QoWatchCtl 1.", "== status\nSupervisor: serving", "SetStartEvent = 1 (REG_DWORD)",
+          "InstallDir = \"C:\\Program Files", "QoWatchDog.exe since 20", "== log file ",
+          "[INFO]Load SeAgntMaxNum=0", "== named objects\n  Global\\_QO_WATCH_DOG_NAMED_MUTEX: exists",
+          "EVENT_ID_BREVANT_WATCHDOG_CLOSE: exists, not set", "Path=agent\nName=QoSessionAgent.exe",
+          "== timeline\n", "session 1: agent started (pid"}) {
         EXPECT_NE(std::string::npos, text.str().find(part)) << part << "\n" << text.str();
     }
     ASSERT_TRUE(qt::Signal(qt::kTerminate));
