@@ -257,7 +257,7 @@ long long ParseTime(const std::string& text) {
     char unit = 0, extra = 0;
     if (std::sscanf(text.c_str(), "-%lld%c%c", &count, &unit, &extra) == 2 && count >= 0) {
         const std::string units = "smhdw";
-        const long long sizes[] = {1, 60, 3600, 86400, 7 * 86400};
+        const long long sizes[] = {1, 60, 3600, 86400, 604800};
         const size_t at = units.find(unit);
         return at != std::string::npos ? now - count * sizes[at] : -1;
     }
