@@ -266,7 +266,7 @@ long long ParseTime(const std::string& text) {
     if ((std::sscanf(text.c_str(), "%2d:%2d%n", &h, &min, &used) == 2 ||
          std::sscanf(text.c_str(), "%2d:%2d:%2d%n", &h, &min, &s, &used) == 3) &&
         used == static_cast<int>(text.size()) && text.size() >= 5) {
-        return ValidCivil(1970, 1, 1, h, min, s) ? today + h * 3600 + min * 60 + s : -1;
+        return ValidCivil(1970, 1, 1, h, min, s) ? today + h * 3600LL + min * 60LL + s : -1;
     }
     used = 0;
     char name[4] = {}, day[4] = {};
