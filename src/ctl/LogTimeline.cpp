@@ -271,6 +271,8 @@ private:
                        "ERROR " + Escape(msg) + meaning);
         e.message = msg;
         Put(e);
+        process.bRefused =
+            process.bRefused || known.Is(EMsg::ANOTHER_INSTANCE) || known.Is(EMsg::MUTEX_FAILED);
         // The main loop's wait failed: the supervisor closes its agents and shuts down.
         if (known.Is(EMsg::MAIN_WAIT_FAILED)) {
             process.lastEvent = "main_wait_failed";
@@ -285,10 +287,12 @@ private:
             m_work[line.pid] = Work();
             m_state.processes[line.pid] = ProcessLog();
             m_state.processes[line.pid].started = line.seconds;
+            m_state.processes[line.pid].lastSeen = line.seconds;
             return;
         }
         Work& work = m_work[line.pid];
         ProcessLog& process = m_state.processes[line.pid];
+        process.lastSeen = line.seconds;
         if (line.error) {
             Error(line, work, process);
             return;
@@ -434,6 +438,7 @@ private:
             process.bKeldAsked = process.bKeldAsked || id == "keld_start_asked" || id == "keld_running";
             process.bFinished = process.bFinished || id == "ended";
             process.lastEvent = id;
+            process.bRefused = process.bRefused || id == "refused";
             Entry e = Make(line.seconds, line.pid, -1, event.event, event.text);
             if (id == "ended") {
                 e.exitCode = 0;

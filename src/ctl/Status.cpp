@@ -1,6 +1,8 @@
 #include "ctl/Status.h"
 
 #include <tlhelp32.h>
+#include <winternl.h>
+#include <shellapi.h>
 
 #include <algorithm>
 #include <map>
@@ -154,6 +156,71 @@ void Explain(const SessionLog& s, SessionView& view) {
     }
 }
 
+// The host a supervisor watches: the process id its command line begins with, read from its
+// process parameters; 0 when they cannot be read.
+DWORD HostOf(DWORD dwPid) {
+    const CKernelHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPid));
+    PROCESS_BASIC_INFORMATION info = {};
+    PEB peb = {};
+    RTL_USER_PROCESS_PARAMETERS params = {};
+    if (!process.IsValid() ||
+        NtQueryInformationProcess(process.Get(), ProcessBasicInformation, &info, sizeof(info), nullptr) !=
+            0 ||
+        !ReadProcessMemory(process.Get(), info.PebBaseAddress, &peb, sizeof(peb), nullptr) ||
+        !ReadProcessMemory(process.Get(), peb.ProcessParameters, &params, sizeof(params), nullptr)) {
+        return 0;
+    }
+    std::wstring strLine(params.CommandLine.Length / sizeof(wchar_t), L'\0');
+    if (strLine.empty() || !ReadProcessMemory(process.Get(), params.CommandLine.Buffer, &strLine[0],
+                                              params.CommandLine.Length, nullptr)) {
+        return 0;
+    }
+    int nArgs = 0;
+    LPWSTR* ppArgs = CommandLineToArgvW(strLine.c_str(), &nArgs);
+    const CLocalMemory args(ppArgs);
+    return ppArgs != nullptr && nArgs > 1 ? static_cast<DWORD>(_wtoi(ppArgs[1])) : 0;
+}
+
+// The supervisor's uptime and host, and how the last supervisor before it ended.
+void Lifetimes(const LogState& log, const std::vector<Process>& processes, StatusReport& r) {
+    const long long now = LocalNowSeconds();
+    long long started = -1;
+    for (const Process& p : processes) {
+        if (p.dwPid == r.phase.dwSupervisor && p.started >= 0) {
+            r.uptime = now - p.started;
+            started = p.started;
+            r.dwHost = HostOf(p.dwPid);
+        }
+    }
+    r.host = "not running: the supervisor closes its agents and waits for its final requests";
+    for (const Process& p : processes) {
+        if (r.dwHost != 0 && p.dwPid == r.dwHost && p.started <= started) {
+            r.host = Utf8(p.strName) + ", running";
+        }
+    }
+    const std::pair<const unsigned long, ProcessLog>* pLast = nullptr;
+    for (const auto& entry : log.processes) {
+        const bool bRunning = std::any_of(processes.begin(), processes.end(), [&entry](const Process& p) {
+            return p.dwPid == entry.first && entry.second.started >= p.started - 1;
+        });
+        if (!entry.second.bRunKey && !entry.second.bRefused && !bRunning &&
+            entry.first != r.phase.dwSupervisor &&
+            (pLast == nullptr || entry.second.started > pLast->second.started)) {
+            pLast = &entry;
+        }
+    }
+    if (pLast != nullptr) {
+        const ProcessLog& last = pLast->second;
+        r.lastEnd =
+            "process " + std::to_string(pLast->first) + " " +
+            (last.ended >= 0
+                 ? "ended at " + FormatTime(last.ended) + " with exit code " + std::to_string(last.exitCode)
+                 : "is gone, and its log has no end: it was ended from outside (killed) or "
+                   "crashed, after " +
+                       FormatTime(last.lastSeen));
+    }
+}
+
 }  // namespace
 
 std::string Utf8(const std::wstring& text) {
@@ -174,6 +241,7 @@ std::vector<Process> Processes() {
         Process p;
         p.dwPid = entry.th32ProcessID;
         p.strName = entry.szExeFile;
+        p.dwParent = entry.th32ParentProcessID;
         ProcessIdToSessionId(p.dwPid, &p.dwSession);
         const CKernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, p.dwPid));
         if (process.IsValid()) {
@@ -213,18 +281,23 @@ std::wstring LogPath(std::string& fallbackWhy) {
 
 Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
     Phase phase;
-    if (!BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists()) {
-        phase.id = "none";
-        phase.text = "none: no supervisor holds " + Utf8(QO_WATCH_DOG_NAMED_MUTEX);
-        return phase;
-    }
     // The supervisor: a running watchdog whose log shows it past its start and not yet ended, the
-    // newest of them; a successor that waits at the hand-over is not it yet.
+    // newest of them; a successor that waits at the hand-over is not it yet. A watchdog the log
+    // does not know (its lines not written yet, or the log moved away) is it when it is the only one.
     const ProcessLog* pSupervisor = nullptr;
+    DWORD dwUnlogged = 0;
+    size_t nUnlogged = 0;
     for (const Process& p : processes) {
         const auto it = log.processes.find(p.dwPid);
-        if (!SameText(p.strName, WATCHDOG_IMAGE_NAME) || it == log.processes.end() || it->second.bRunKey ||
-            it->second.bFinished) {
+        if (!SameText(p.strName, WATCHDOG_IMAGE_NAME)) {
+            continue;
+        }
+        if (it == log.processes.end() || (p.started >= 0 && it->second.started < p.started - 1)) {
+            dwUnlogged = p.dwPid;
+            ++nUnlogged;
+            continue;
+        }
+        if (it->second.bRunKey || it->second.bFinished) {
             continue;
         }
         if (it->second.bHandOver) {
@@ -233,6 +306,22 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
             pSupervisor = &it->second;
             phase.dwSupervisor = p.dwPid;
         }
+    }
+    if (pSupervisor == nullptr && nUnlogged == 1) {
+        phase.dwSupervisor = dwUnlogged;
+        phase.bUnlogged = true;
+    }
+    if (!BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists()) {
+        // Before a supervisor holds the mutex (or while a successor waits for its predecessor's end)
+        // a watchdog that is neither a run-key instance nor ended is starting.
+        const DWORD dwStarting = phase.dwSupervisor != 0 ? phase.dwSupervisor : phase.dwSuccessor;
+        phase.id = dwStarting != 0 ? "starting" : "none";
+        phase.nCode = dwStarting != 0 ? STATUS_AT_GATE : STATUS_NONE;
+        phase.text = dwStarting != 0 ? "starting: it does not hold " + Utf8(QO_WATCH_DOG_NAMED_MUTEX) + " yet"
+                                     : "none: no supervisor holds " + Utf8(QO_WATCH_DOG_NAMED_MUTEX);
+        phase.dwSupervisor = dwStarting;
+        phase.dwSuccessor = 0;
+        return phase;
     }
     const std::string last = pSupervisor != nullptr ? pSupervisor->lastEvent : std::string();
     const auto set = [&phase](int nCode, const char* id, const std::string& text,
@@ -317,17 +406,22 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
                       : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
 
     std::map<DWORD, SessionView>& sessions = r.sessions;
-    std::set<DWORD> agentPids;
-    if (pSupervisor != nullptr) {
-        for (const auto& s : pSupervisor->sessions) {
-            agentPids.insert(s.second.agentPid);
+    // Agents the log tells of, of any supervisor: one that was killed leaves its agents running.
+    std::map<DWORD, long long> agentPids;
+    for (const auto& process : log.processes) {
+        for (const auto& s : process.second.sessions) {
+            agentPids[s.second.agentPid] = s.second.since;
         }
     }
+    const auto logged = [&agentPids](const Process& p) {
+        const auto it = agentPids.find(p.dwPid);
+        return it != agentPids.end() && p.started <= it->second + 1;  // not a later process of that id
+    };
     for (const Process& p : processes) {
         if (SameText(p.strName, SHELL_IMAGE_NAME)) {
             sessions[p.dwSession].shells.push_back(p.dwPid);
         } else if ((bAgent && SameText(p.strImage, strAgent)) ||
-                   (!bAgent && agentPids.count(p.dwPid) != 0 && !SameText(p.strName, WATCHDOG_IMAGE_NAME))) {
+                   (!bAgent && logged(p) && !SameText(p.strName, WATCHDOG_IMAGE_NAME))) {
             sessions[p.dwSession].agents.push_back(p);
         }
     }
@@ -430,6 +524,7 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
                                                                                 : logWhy;
     r.recentErrors = log.recentErrors;
     r.lostLines = log.lostLines;
+    Lifetimes(log, processes, r);
     return r;
 }
 

@@ -33,6 +33,7 @@ struct Process {
     std::wstring strName;    // the executable's file name
     std::wstring strImage;   // its full path; empty when the process cannot be queried
     long long started = -1;  // its creation, local time (LogReader's seconds); -1 when unknown
+    DWORD dwParent = 0;      // the process that created it
 };
 
 std::vector<Process> Processes();
@@ -48,7 +49,8 @@ struct Phase {
                      // final_wait, hand_over, keld_asked
     std::string text;
     DWORD dwSupervisor = 0;
-    DWORD dwSuccessor = 0;  // a starting supervisor that waits for this one to end
+    DWORD dwSuccessor = 0;   // a starting supervisor that waits for this one to end
+    bool bUnlogged = false;  // the supervisor is the one watchdog running, but the log does not tell of it
     std::vector<const wchar_t*> listens;
 };
 
@@ -87,6 +89,10 @@ struct StatusReport {
     std::map<DWORD, SessionView> sessions;
     std::vector<std::string> recentErrors;
     long long lostLines = 0;
+    long long uptime = -1;  // the supervisor's seconds since its start
+    DWORD dwHost = 0;       // the process that started the supervisor (the host, which it watches)
+    std::string host;       // its name and whether it runs
+    std::string lastEnd;    // the last supervisor before this one: how and when it ended
 };
 
 StatusReport GatherStatus(const std::wstring& strPlatform);

@@ -44,6 +44,10 @@ void RenderJson(const StatusReport& r, std::ostream& out) {
         << ",\"install_dir\":" << JsonString(r.installDir) << ",\"log\":" << JsonString(r.log)
         << ",\"log_fallback\":" << (r.logFallback.empty() ? "null" : JsonString(r.logFallback))
         << ",\"log_lines_lost\":" << r.lostLines << ",\"keld_service\":" << JsonString(r.keld)
+        << ",\"uptime_seconds\":" << (r.uptime >= 0 ? std::to_string(r.uptime) : "null")
+        << ",\"host_pid\":" << r.dwHost << ",\"host\":" << JsonString(r.host)
+        << ",\"last_end\":" << (r.lastEnd.empty() ? "null" : JsonString(r.lastEnd))
+        << ",\"supervisor_in_log\":" << (r.phase.bUnlogged ? "false" : "true")
         << ",\"agent\":" << (r.bAgent ? JsonString(r.agentText) : "null") << ",\"sessions\":[";
     bool bFirst = true;
     for (const auto& entry : r.sessions) {
@@ -73,6 +77,12 @@ void RenderJson(const StatusReport& r, std::ostream& out) {
 void RenderText(const StatusReport& r, std::ostream& out) {
     out << "Supervisor: " << r.phase.text
         << (r.phase.dwSupervisor != 0 ? " (process " + std::to_string(r.phase.dwSupervisor) + ")" : "")
+        << (r.phase.bUnlogged ? "; the log does not tell of it" : "");
+    if (r.uptime >= 0) {
+        out << "\nUp: " << r.uptime / 86400 << "d " << r.uptime / 3600 % 24 << "h " << r.uptime / 60 % 60
+            << "m " << r.uptime % 60 << "s; started by process " << r.dwHost << " (" << r.host << ")";
+    }
+    out << "\nLast supervisor before it: " << (r.lastEnd.empty() ? "none in the log" : r.lastEnd)
         << "\nWatchdog processes:";
     for (const WatchdogView& w : r.watchdogs) {
         out << " " << w.process.dwPid << " " << w.role
@@ -124,6 +134,8 @@ void RenderPrometheus(const StatusReport& r, std::ostream& out) {
     for (const char* pszPhase : s_phases) {
         out << "qowatchdog_phase{phase=\"" << pszPhase << "\"} " << (r.phase.id == pszPhase ? 1 : 0) << "\n";
     }
+    Metric(out, "uptime_seconds", "gauge", "Seconds since the supervisor started; 0 without one.");
+    out << "qowatchdog_uptime_seconds " << (r.uptime >= 0 ? r.uptime : 0) << "\n";
     Metric(out, "status_code", "gauge", "The exit code of QoWatchCtl status (0 serving, 5 no supervisor).");
     out << "qowatchdog_status_code " << r.phase.nCode << "\n";
     Metric(out, "gate_open", "gauge", "1 when SetStartEvent is the REG_DWORD 1 that opens the start gate.");

@@ -96,7 +96,17 @@ TEST(Supervisor, WholeLife) {
                std::to_string(supervisor.pid) + " supervisor since 20",
                "SetStartEvent: 1 (REG_DWORD): the start gate opens",
                "Agent: " + qt::ToUtf8(qt::AgentDir()) + "\\QoSessionAgent.exe",
-               "; agent " + std::to_string(qt::OnlyAgent()) + " since 20", "0 restart(s) in the last hour"});
+               "; agent " + std::to_string(qt::OnlyAgent()) + " since 20", "0 restart(s) in the last hour",
+               "\nUp: 0d 0h ", "s; started by process " + std::to_string(host.pid) + " (host.exe, running)",
+               "Last supervisor before it: none in the log"});
+    // With the log moved away, the one watchdog running is the supervisor all the same.
+    const std::wstring away = qt::LogPath() + L".away";
+    ASSERT_TRUE(MoveFileW(qt::LogPath().c_str(), away.c_str()));
+    ExpectCtl(
+        L"status", 0,
+        {"Supervisor: serving (process " + std::to_string(supervisor.pid) + "); the log does not tell of it",
+         "; agent " + std::to_string(qt::OnlyAgent()) + " since 20"});
+    ASSERT_TRUE(MoveFileW(away.c_str(), qt::LogPath().c_str()));
 
     // A crash restarts the agent; a graceful end switches the session off, and a log-on with the
     // same shell leaves it off; a new shell brings it back.
@@ -318,6 +328,21 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
                "asks the service control manager to start Keld (the log records no result)",
                "loses its agent (pid", "the host process's end; it is not restarted",
                "ERROR Another instance is running!!", "request served: update", "6 supervisor start(s)"});
+
+    // A supervisor killed with its agent left: no supervisor, the agent found by the log all the
+    // same, and the killed one told as the last before.
+    qt::ResetAllAgents();
+    qt::LogTail tail;
+    tail.Mark();
+    const qt::Proc sixth = qt::StartWatchDog(std::to_wstring(host.pid));
+    ASSERT_TRUE(tail.Wait(" Create Session Agent successfully session ID = 1", 1, qt::kWaitMs));
+    TerminateProcess(sixth.h.get(), 9);
+    EXPECT_EQ(9u, Exit(sixth));
+    ExpectCtl(L"status", 5,
+              {"Supervisor: none", "; agent " + std::to_string(qt::OnlyAgent()) + " since 20",
+               "Last supervisor before it: process " + std::to_string(sixth.pid) +
+                   " is gone, and its log has no end"});
+    qt::EndAllAgents(0);
 }
 
 // Every start that must not supervise ends with -1 and says why, and starts no agent.
