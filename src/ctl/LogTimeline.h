@@ -21,6 +21,9 @@ std::string Win32Meaning(long long code);
 
 // An exit code in hex with its name: "0xC0000005 access violation", "0x1".
 std::string ExitName(unsigned long code);
+std::string ExitHex(unsigned long code);
+// The name of a known exit code; empty for others.
+std::string ExitWord(unsigned long code);
 
 // How often a session may be restarted in a row before it is called a crash loop, and how soon
 // each restart must follow the one before.

@@ -1,8 +1,6 @@
 #include "ctl/Status.h"
 
 #include <tlhelp32.h>
-#include <winternl.h>
-#include <shellapi.h>
 
 #include <algorithm>
 #include <map>
@@ -67,15 +65,6 @@ std::vector<std::pair<std::string, std::string>> NamedObjects() {
 }
 
 namespace {
-
-long long LocalSeconds(const FILETIME& utc) {
-    FILETIME local = {};
-    SYSTEMTIME t = {};
-    if (!FileTimeToLocalFileTime(&utc, &local) || !FileTimeToSystemTime(&local, &t)) {
-        return -1;
-    }
-    return CivilSeconds(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
-}
 
 std::wstring RegText(const wchar_t* pszKey, const wchar_t* pszValue) {
     CRegKey key;
@@ -156,31 +145,6 @@ void Explain(const SessionLog& s, SessionView& view) {
     }
 }
 
-// The host a supervisor watches: the process id its command line begins with, read from its
-// process parameters; 0 when they cannot be read.
-DWORD HostOf(DWORD dwPid) {
-    const CKernelHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, dwPid));
-    PROCESS_BASIC_INFORMATION info = {};
-    PEB peb = {};
-    RTL_USER_PROCESS_PARAMETERS params = {};
-    if (!process.IsValid() ||
-        NtQueryInformationProcess(process.Get(), ProcessBasicInformation, &info, sizeof(info), nullptr) !=
-            0 ||
-        !ReadProcessMemory(process.Get(), info.PebBaseAddress, &peb, sizeof(peb), nullptr) ||
-        !ReadProcessMemory(process.Get(), peb.ProcessParameters, &params, sizeof(params), nullptr)) {
-        return 0;
-    }
-    std::wstring strLine(params.CommandLine.Length / sizeof(wchar_t), L'\0');
-    if (strLine.empty() || !ReadProcessMemory(process.Get(), params.CommandLine.Buffer, &strLine[0],
-                                              params.CommandLine.Length, nullptr)) {
-        return 0;
-    }
-    int nArgs = 0;
-    LPWSTR* ppArgs = CommandLineToArgvW(strLine.c_str(), &nArgs);
-    const CLocalMemory args(ppArgs);
-    return ppArgs != nullptr && nArgs > 1 ? static_cast<DWORD>(_wtoi(ppArgs[1])) : 0;
-}
-
 // The supervisor's uptime and host, and how the last supervisor before it ended.
 void Lifetimes(const LogState& log, const std::vector<Process>& processes, StatusReport& r) {
     const long long now = LocalNowSeconds();
@@ -223,64 +187,10 @@ void Lifetimes(const LogState& log, const std::vector<Process>& processes, Statu
 
 }  // namespace
 
-std::string Utf8(const std::wstring& text) {
-    std::string out(text.size() * 3 + 1, '\0');
-    out.resize(
-        static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()),
-                                                &out[0], static_cast<int>(out.size()), nullptr, nullptr)));
-    return out;
-}
+namespace {
 
-std::vector<Process> Processes() {
-    std::vector<Process> vec;
-    const CKernelHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    PROCESSENTRY32W entry = {};
-    entry.dwSize = sizeof(entry);
-    for (BOOL bMore = Process32FirstW(snapshot.Get(), &entry); bMore;
-         bMore = Process32NextW(snapshot.Get(), &entry)) {
-        Process p;
-        p.dwPid = entry.th32ProcessID;
-        p.strName = entry.szExeFile;
-        p.dwParent = entry.th32ParentProcessID;
-        ProcessIdToSessionId(p.dwPid, &p.dwSession);
-        const CKernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, p.dwPid));
-        if (process.IsValid()) {
-            GetProcessImagePath(process.Get(), p.strImage);
-        }
-        FILETIME created = {}, exited = {}, kernel = {}, user = {};
-        if (process.IsValid() && GetProcessTimes(process.Get(), &created, &exited, &kernel, &user)) {
-            p.started = LocalSeconds(created);
-        }
-        vec.push_back(p);
-    }
-    return vec;
-}
-
-std::wstring LogPath(std::string& fallbackWhy) {
-    std::wstring strDir, strMessage;
-    fallbackWhy.clear();
-    if (ReadDebugLogDirectory(strDir, strMessage)) {
-        // The watchdog makes the debug folder when it is missing; that fails when its parent is
-        // missing, or when a file has the folder's name.
-        const DWORD dwDebug = GetFileAttributesW(strDir.c_str());
-        const DWORD dwParent = GetFileAttributesW(strDir.substr(0, strDir.find_last_of(L'\\')).c_str());
-        if (dwDebug != INVALID_FILE_ATTRIBUTES
-                ? (dwDebug & FILE_ATTRIBUTE_DIRECTORY) != 0
-                : dwParent != INVALID_FILE_ATTRIBUTES && (dwParent & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-            return strDir + L"\\" + LOG_FILE_NAME;
-        }
-        strMessage = strDir + L" cannot be made";
-    }
-    fallbackWhy = Utf8(strMessage);
-    std::wstring strFallback = FallbackLogDirectory();
-    if (!strFallback.empty() && strFallback.back() != L'\\') {
-        strFallback += L'\\';
-    }
-    return strFallback + LOG_FILE_NAME;
-}
-
-Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
-    Phase phase;
+// The supervisor, its successor and whether the log tells of it, into phase; its log, when it has one.
+const ProcessLog* FindSupervisor(const LogState& log, const std::vector<Process>& processes, Phase& phase) {
     // The supervisor: a running watchdog whose log shows it past its start and not yet ended, the
     // newest of them; a successor that waits at the hand-over is not it yet. A watchdog the log
     // does not know (its lines not written yet, or the log moved away) is it when it is the only one.
@@ -311,6 +221,14 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
         phase.dwSupervisor = dwUnlogged;
         phase.bUnlogged = true;
     }
+    return pSupervisor;
+}
+
+}  // namespace
+
+Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
+    Phase phase;
+    const ProcessLog* pSupervisor = FindSupervisor(log, processes, phase);
     if (!BrevantUtility::OperationSystem::CMutex(QO_WATCH_DOG_NAMED_MUTEX).Exists()) {
         // Before a supervisor holds the mutex (or while a successor waits for its predecessor's end)
         // a watchdog that is neither a run-key instance nor ended is starting.
@@ -377,35 +295,12 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
     return phase;
 }
 
-StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
-    StatusReport r;
-    const std::vector<Process> processes = Processes();
-    std::string fallbackWhy, logWhy;
-    const std::wstring strLog = LogPath(fallbackWhy);
-    LogState log;
-    const bool bLog = ReadLogState(LogAndRotated(Utf8(strLog)), log, logWhy);
-    r.phase = ReadPhase(log, processes);
-    Phase& phase = r.phase;
-    const auto supervisorLog = log.processes.find(phase.dwSupervisor);
-    const ProcessLog* pSupervisor = supervisorLog != log.processes.end() ? &supervisorLog->second : nullptr;
+namespace {
 
-    // The platform directory is the supervisor's own; its Session_Agent.ini names the agent.
-    std::wstring strPlatform = strPlatformGiven;
-    for (const Process& p : processes) {
-        if (strPlatform.empty() && p.dwPid == phase.dwSupervisor && !p.strImage.empty()) {
-            strPlatform = p.strImage.substr(0, p.strImage.find_last_of(L'\\'));
-        }
-    }
-    std::wstring strAgentDir, strAgent;
-    const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
-    r.platform = strPlatform;
-    r.bAgent = bAgent;
-    r.agentText = bAgent ? Utf8(strAgent)
-                  : strPlatform.empty()
-                      ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
-                      : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
-
-    std::map<DWORD, SessionView>& sessions = r.sessions;
+// The sessions with a shell or an agent: shells by their image name, agents by the path
+// Session_Agent.ini names or, without it, by the log's agent process ids.
+void FindSessions(const LogState& log, const std::vector<Process>& processes, bool bAgent,
+                  const std::wstring& strAgent, std::map<DWORD, SessionView>& sessions) {
     // Agents the log tells of, of any supervisor: one that was killed leaves its agents running.
     std::map<DWORD, long long> agentPids;
     for (const auto& process : log.processes) {
@@ -425,10 +320,25 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
             sessions[p.dwSession].agents.push_back(p);
         }
     }
-    DWORD dwMaxValue = 0;
-    r.maxText = RegValue(REG_VALUE_SE_AGNT_MAX_NUM, dwMaxValue, r.bMaxDword);
-    const long long loadedMax = pSupervisor != nullptr ? pSupervisor->seAgntMaxNum : -1;
-    r.loadedMax = loadedMax;
+}
+
+// Restarts count across supervisors: a new one does not make a crashing agent new.
+std::vector<Restart> RestartsOf(const LogState& log, DWORD dwSession) {
+    std::vector<Restart> restarts;
+    for (const auto& process : log.processes) {
+        const auto it = process.second.sessions.find(dwSession);
+        if (it != process.second.sessions.end()) {
+            restarts.insert(restarts.end(), it->second.restarts.begin(), it->second.restarts.end());
+        }
+    }
+    std::stable_sort(restarts.begin(), restarts.end(),
+                     [](const Restart& a, const Restart& b) { return a.seconds < b.seconds; });
+    return restarts;
+}
+
+// Each session's state and why, from the processes and the supervisor's log; the worst code of them.
+int Classify(const LogState& log, const ProcessLog* pSupervisor, long long loadedMax,
+             std::map<DWORD, SessionView>& sessions) {
     const long long now = LocalNowSeconds();
     int worst = STATUS_SERVING;
     for (auto& entry : sessions) {
@@ -437,16 +347,7 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
         if (pSupervisor != nullptr && pSupervisor->sessions.count(entry.first) != 0) {
             pKnown = &pSupervisor->sessions.at(entry.first);
         }
-        // Restarts count across supervisors: a new one does not make a crashing agent new.
-        std::vector<Restart> restarts;
-        for (const auto& process : log.processes) {
-            const auto it = process.second.sessions.find(entry.first);
-            if (it != process.second.sessions.end()) {
-                restarts.insert(restarts.end(), it->second.restarts.begin(), it->second.restarts.end());
-            }
-        }
-        std::stable_sort(restarts.begin(), restarts.end(),
-                         [](const Restart& a, const Restart& b) { return a.seconds < b.seconds; });
+        const std::vector<Restart> restarts = RestartsOf(log, entry.first);
         view.restartsLastHour = static_cast<size_t>(std::count_if(
             restarts.begin(), restarts.end(), [now](const Restart& r) { return now - r.seconds <= HOUR; }));
         view.bCrashLoop = InCrashLoop(restarts, now);
@@ -498,6 +399,45 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
         static const int s_rank[] = {0, 1, 0, 0, 0, 0, 3, 4, 2};
         worst = s_rank[code] > s_rank[worst] ? code : worst;
     }
+    return worst;
+}
+
+}  // namespace
+
+StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
+    StatusReport r;
+    const std::vector<Process> processes = Processes();
+    std::string fallbackWhy, logWhy;
+    const std::wstring strLog = LogPath(fallbackWhy);
+    LogState log;
+    const bool bLog = ReadLogState(LogAndRotated(Utf8(strLog)), log, logWhy);
+    r.phase = ReadPhase(log, processes);
+    Phase& phase = r.phase;
+    const auto supervisorLog = log.processes.find(phase.dwSupervisor);
+    const ProcessLog* pSupervisor = supervisorLog != log.processes.end() ? &supervisorLog->second : nullptr;
+
+    // The platform directory is the supervisor's own; its Session_Agent.ini names the agent.
+    std::wstring strPlatform = strPlatformGiven;
+    for (const Process& p : processes) {
+        if (strPlatform.empty() && p.dwPid == phase.dwSupervisor && !p.strImage.empty()) {
+            strPlatform = p.strImage.substr(0, p.strImage.find_last_of(L'\\'));
+        }
+    }
+    std::wstring strAgentDir, strAgent;
+    const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
+    r.platform = strPlatform;
+    r.bAgent = bAgent;
+    r.agentText = bAgent ? Utf8(strAgent)
+                  : strPlatform.empty()
+                      ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
+                      : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
+
+    FindSessions(log, processes, bAgent, strAgent, r.sessions);
+    DWORD dwMaxValue = 0;
+    r.maxText = RegValue(REG_VALUE_SE_AGNT_MAX_NUM, dwMaxValue, r.bMaxDword);
+    const long long loadedMax = pSupervisor != nullptr ? pSupervisor->seAgntMaxNum : -1;
+    r.loadedMax = loadedMax;
+    const int worst = Classify(log, pSupervisor, loadedMax, r.sessions);
     if (phase.nCode == STATUS_SERVING) {
         phase.nCode = worst;
     }

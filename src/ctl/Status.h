@@ -38,6 +38,10 @@ struct Process {
 
 std::vector<Process> Processes();
 
+// The host a supervisor watches: the process id its command line begins with, read from its
+// process parameters; 0 when they cannot be read.
+DWORD HostOf(DWORD dwPid);
+
 // The log as the watchdog's rules place it now, and when it is the fallback, why.
 std::wstring LogPath(std::string& fallbackWhy);
 

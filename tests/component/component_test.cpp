@@ -261,7 +261,18 @@ struct Server {
         awaited = {s};
         concerned = "agent " + std::to_string(agent) + " of session " + std::to_string(s) + " asked to end";
         if (!qt::EndAgent(agent, code)) {
-            concerned += ", but its exit event does not exist";
+            // What the log last told of the session: how its agent was lost.
+            const qt::Log log = qt::ReadLog(tail.Path());
+            const std::string id = std::to_string(s);
+            std::vector<qt::Line> told;
+            for (const qt::Line& line : log.lines) {
+                if (line.message.find("ID = " + id) != std::string::npos ||
+                    line.message.find("(" + id + ")") != std::string::npos ||
+                    line.message.rfind("Session agent exits", 0) == 0)
+                    told.push_back(line);
+            }
+            concerned += ", but its exit event does not exist; the log's last lines of it:" +
+                         qt::Shown(told, told.size() > 12 ? told.size() - 12 : 0);
             return false;
         }
         return graceful ? tail.Wait("session (" + std::to_string(s) + ") is off.") : ready.Wait();

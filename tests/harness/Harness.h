@@ -126,6 +126,8 @@ Log ReadLog(const std::wstring& path = LogPath());
 // Waits until count messages hold the text; false on time-out.
 bool WaitLog(const std::string& text, size_t count = 1, const std::wstring& path = LogPath(),
              DWORD ms = kWaitMs);
+// The lines from the first, one a row, for a failure's message.
+std::string Shown(const std::vector<Line>& lines, size_t first);
 // "" when messages holding these texts appear in this order, else the first one missed and the log.
 std::string InOrder(const Log& log, const std::vector<std::string>& texts);
 
