@@ -257,7 +257,7 @@ int RunLog(const std::vector<std::string>& args, const std::string& defaultLog, 
         err << "log: files read in the order of their first time stamp, not as given\n";
     }
     LogState state;
-    CTimelineFold timeline(state, o.bJson);
+    CTimelineFold timeline(state, o.bJson, o.since, o.until);
     for (const size_t i : order) {
         const std::string& file = inputs[i].second;
         if (!o.bJson) {

@@ -37,13 +37,17 @@ struct Counts {
 
 class CTimeline {
 public:
-    CTimeline(LogState& state, bool bJson) : m_state(state), m_bJson(bJson) {}
+    // Events before since or after until (-1: none) are neither shown, folded nor counted; the
+    // state of the processes is read from every line.
+    CTimeline(LogState& state, bool bJson, long long since, long long until)
+        : m_state(state), m_bJson(bJson), m_since(since), m_until(until) {}
 
     void Add(const std::string& file, size_t number, const std::string& text) {
         Line line;
         std::string why;
         if (!ParseLine(text, line, why)) {
-            ++m_malformed;
+            m_bCounted = InWindow(m_lastSeconds);
+            m_malformed += m_bCounted ? 1 : 0;
             Entry e = Make(m_lastSeconds, 0, -1, "malformed",
                            "MALFORMED " + file + ":" + std::to_string(number) + " (" + why +
                                "): " + Escape(text.substr(0, 200)));
@@ -52,7 +56,9 @@ public:
             Put(e);
             return;
         }
-        ++m_lines;
+        m_bCounted = InWindow(line.seconds);
+        m_lines += m_bCounted ? 1 : 0;
+        ++m_parsed;
         m_lastSeconds = line.seconds;
         Handle(line);
     }
@@ -97,7 +103,7 @@ public:
         }
     }
 
-    size_t Lines() const { return m_lines; }
+    size_t Lines() const { return m_parsed; }  // every line in the log's form, in the window or not
 
 private:
     Entry Make(long long seconds, unsigned long pid, long long session, const char* event,
@@ -113,8 +119,21 @@ private:
 
     // Restarts of a session in a row, each soon after the last with the same exit code, are held
     // back and told as one crash loop when there are enough of them.
+    bool InWindow(long long seconds) const {
+        return (m_since < 0 || seconds >= m_since) && (m_until < 0 || seconds <= m_until);
+    }
+
+    // A session's counts, or a scratch copy for a line outside the window.
+    Counts& CountsOf(long long session) {
+        m_ignored = Counts();
+        return m_bCounted ? m_counts[session] : m_ignored;
+    }
+
     void Put(Entry e) {
         e.seq = m_seq++;
+        if (!InWindow(e.seconds)) {
+            return;
+        }
         if (e.session >= 0 && e.event == "agent_restarted") {
             std::vector<Entry>& run = m_runs[e.session];
             if (!run.empty() &&
@@ -134,7 +153,7 @@ private:
     void FlushRun(long long session) {
         std::vector<Entry>& run = m_runs[session];
         if (run.size() >= CRASH_LOOP_RESTARTS) {
-            ++m_counts[session].loops;
+            ++m_counts[session].loops;  // its restarts are all in the window
             const unsigned long code = static_cast<unsigned long>(run.front().exitCode);
             Entry loop = Make(run.front().seconds, run.front().pid, session, "crash_loop",
                               "CRASH LOOP: restarted " + std::to_string(run.size()) + " times " +
@@ -155,7 +174,7 @@ private:
 
     void Unattributed(unsigned long pid, Work& work) {
         for (const Exit& exit : work.pending) {
-            ++m_unattributed;
+            m_unattributed += InWindow(exit.seconds) ? 1 : 0;
             Entry e = Make(
                 exit.seconds, pid, -1, "agent_exit_unattributed",
                 "an agent ended, exit " + ExitName(exit.code) + "; the log does not tell in which session");
@@ -189,7 +208,7 @@ private:
         const std::string& msg = line.message;
         const std::string before = work.lastError;
         work.lastError = msg;
-        ++m_errors;
+        m_errors += m_bCounted ? 1 : 0;
         m_state.recentErrors.push_back(FormatTime(line.seconds) + " [" + std::to_string(line.pid) + "] " +
                                        Escape(msg));
         if (m_state.recentErrors.size() > RECENT_ERRORS) {
@@ -201,7 +220,7 @@ private:
             Win32Meaning(err).empty() ? "" : " (" + std::to_string(err) + ": " + Win32Meaning(err) + ")";
         if (known.Is(EMsg::LINES_LOST)) {
             const long long lost = known.Number("count");
-            m_lostLines += static_cast<size_t>(lost);
+            m_lostLines += m_bCounted ? static_cast<size_t>(lost) : 0;
             m_state.lostLines += lost;
             Entry e = Make(line.seconds, line.pid, -1, "log_gap",
                            "LOG GAP: " + std::to_string(lost) +
@@ -221,7 +240,7 @@ private:
         const bool bFailed = known.Is(EMsg::AGENT_START_FAILED);
         const long long id = known.Number("session");
         if (bFailed) {
-            ++m_counts[id].failures;
+            ++CountsOf(id).failures;
             SessionLog& s = process.sessions[id];
             s.eState = SessionLog::START_FAILED;
             s.since = line.seconds;
@@ -274,7 +293,7 @@ private:
         } else if (known.Is(EMsg::SESSION_OFF)) {
             Off(line, n, work, process.sessions[n]);
         } else if (known.Is(EMsg::SESSION_ON)) {
-            ++m_counts[n].ons;
+            ++CountsOf(n).ons;
             Put(Make(line.seconds, line.pid, n, "session_on", "on again: registered with a new shell"));
         } else if (known.Is(EMsg::SE_AGNT_MAX_NUM)) {
             process.seAgntMaxNum = known.Number("count");
@@ -284,7 +303,7 @@ private:
     }
 
     void Started(const Line& line, long long id, Work& work, SessionLog& s) {
-        Counts& counts = m_counts[id];
+        Counts& counts = CountsOf(id);
         ++counts.starts;
         s.eState = SessionLog::RUNNING;
         s.agentPid = work.newPid;
@@ -307,7 +326,7 @@ private:
     }
 
     void Off(const Line& line, long long id, Work& work, SessionLog& s) {
-        Counts& counts = m_counts[id];
+        Counts& counts = CountsOf(id);
         ++counts.offs;
         Exit exit;
         if (TakeExit(work, exit)) {
@@ -377,7 +396,7 @@ private:
         }
         if (known.Is(EMsg::RUN_KEY_EXIT)) {
             const long long n = known.Number("ret");
-            ++m_runKeys;
+            m_runKeys += m_bCounted ? 1 : 0;
             Entry e = Make(work.runKeyStart >= 0 ? work.runKeyStart : line.seconds, line.pid, -1, "run_key",
                            n == 0 ? "run-key instance: asked the supervisor to reload"
                                   : "run-key instance: no supervisor to notify (exit code -1)");
@@ -393,7 +412,7 @@ private:
                 continue;
             }
             const std::string id = event.event;
-            m_supervisors += id == "supervisor_started" ? 1 : 0;
+            m_supervisors += id == "supervisor_started" && m_bCounted ? 1 : 0;
             process.bHandOver = id == "hand_over" || (process.bHandOver && id != "hand_over_done");
             process.bKeldAsked = process.bKeldAsked || id == "keld_start_asked" || id == "keld_running";
             process.bFinished = process.bFinished || id == "ended";
@@ -416,6 +435,10 @@ private:
 
     LogState& m_state;
     bool m_bJson;
+    long long m_since, m_until;
+    bool m_bCounted = true;  // the line being read is inside the window
+    size_t m_parsed = 0;
+    Counts m_ignored;
     size_t m_seq = 0;
     long long m_lastSeconds = 0;
     size_t m_lines = 0, m_malformed = 0, m_errors = 0, m_supervisors = 0, m_runKeys = 0, m_unattributed = 0,
@@ -429,11 +452,13 @@ private:
 }  // namespace
 
 struct CTimelineFold::Impl {
-    Impl(LogState& state, bool bJson) : timeline(state, bJson) {}
+    Impl(LogState& state, bool bJson, long long since, long long until)
+        : timeline(state, bJson, since, until) {}
     CTimeline timeline;
 };
 
-CTimelineFold::CTimelineFold(LogState& state, bool bJson) : m_pImpl(new Impl(state, bJson)) {}
+CTimelineFold::CTimelineFold(LogState& state, bool bJson, long long since, long long until)
+    : m_pImpl(new Impl(state, bJson, since, until)) {}
 CTimelineFold::~CTimelineFold() = default;
 void CTimelineFold::Add(const std::string& file, size_t number, const std::string& text) {
     m_pImpl->timeline.Add(file, number, text);
@@ -446,7 +471,7 @@ void CTimelineFold::Summary(std::ostream& out, long long session) const {
 size_t CTimelineFold::Lines() const { return m_pImpl->timeline.Lines(); }
 
 bool ReadLogState(const std::vector<std::string>& files, LogState& state, std::string& why) {
-    CTimelineFold timeline(state, false);
+    CTimelineFold timeline(state, false, -1, -1);
     for (const std::string& file : files) {
         std::vector<std::string> lines;
         if (!ReadLines(file, lines, why)) {

@@ -28,7 +28,8 @@ struct Entry {
 // The log read into the timeline's events, line by line, and into the state of its processes.
 class CTimelineFold : private boost::noncopyable {
 public:
-    CTimelineFold(LogState& state, bool bJson);
+    // Only events from since to until (-1: no bound) are shown and counted.
+    CTimelineFold(LogState& state, bool bJson, long long since, long long until);
     ~CTimelineFold();
 
     void Add(const std::string& file, size_t number, const std::string& text);
