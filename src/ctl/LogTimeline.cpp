@@ -257,6 +257,47 @@ private:
             process.lastEvent = "main_wait_failed";
             SupervisionEnds(line, process, "a failed wait");
         }
+        // Errors after which the watchdog returns -1 at once.
+        static const EMsg s_fatal[] = {EMsg::ANOTHER_INSTANCE,
+                                       EMsg::MUTEX_FAILED,
+                                       EMsg::TERMINATE_EVENT_FAILED,
+                                       EMsg::INSTANCE_FAILED,
+                                       EMsg::WORKING_PATH_FAILED,
+                                       EMsg::AGENT_PATH_FAILED,
+                                       EMsg::GATE_FAILED,
+                                       EMsg::RELOAD_EVENT_FAILED,
+                                       EMsg::STOP_EVENT_FAILED,
+                                       EMsg::CLOSE_AND_WAIT_EVENT_FAILED,
+                                       EMsg::SHUTDOWN_EVENT_FAILED,
+                                       EMsg::HOST_MISSING};
+        if (std::any_of(std::begin(s_fatal), std::end(s_fatal), [&known](EMsg id) { return known.Is(id); })) {
+            EndsFailed(line, process);
+        }
+    }
+
+    void EndsFailed(const Line& line, ProcessLog& process) {
+        Entry e = Make(line.seconds, line.pid, -1, "ended", "ended (exit code -1)");
+        e.exitCode = 0xFFFFFFFF;
+        e.bOwnExit = true;
+        process.bFinished = true;
+        process.ended = line.seconds;
+        process.exitCode = -1;
+        Put(e);
+    }
+
+    // A supervisor that serves holds the mutex: an earlier one without an end is gone, killed or
+    // crashed, after its last line.
+    void EarlierGone(const Line& line) {
+        for (auto& entry : m_state.processes) {
+            ProcessLog& old = entry.second;
+            if (entry.first != line.pid && !old.bRunKey && !old.bFinished && !old.bGone &&
+                old.started <= line.seconds) {
+                old.bGone = true;
+                Put(Make(old.lastSeen, entry.first, -1, "gone",
+                         "no end in the log: killed or crashed after its last line (process " +
+                             std::to_string(line.pid) + " serves from " + FormatTime(line.seconds) + ")"));
+            }
+        }
     }
 
     void Handle(const Line& line) {
@@ -349,8 +390,8 @@ private:
                 s.since = line.seconds;
                 s.why = cause;
                 Entry e = Make(line.seconds, line.pid, entry.first, "supervision_ended",
-                               "loses its agent (pid " + std::to_string(s.agentPid) + "): " + cause +
-                                   "; it is not restarted");
+                               "agent (pid " + std::to_string(s.agentPid) +
+                                   ") no longer supervised: " + cause + "; it is not restarted when it ends");
                 e.agentPid = s.agentPid;
                 Put(e);
             }
@@ -418,6 +459,9 @@ private:
             process.bFinished = process.bFinished || id == "ended";
             process.lastEvent = id;
             process.bRefused = process.bRefused || id == "refused";
+            if (id == "serving") {
+                EarlierGone(line);
+            }
             Entry e = Make(line.seconds, line.pid, -1, event.event, event.text);
             if (id == "ended") {
                 e.exitCode = 0;
@@ -428,6 +472,9 @@ private:
             Put(e);
             if (event.ends != nullptr) {
                 SupervisionEnds(line, process, event.ends);
+            }
+            if (id == "refused") {
+                EndsFailed(line, process);
             }
             return;
         }

@@ -58,7 +58,8 @@ struct ProcessLog {
     long long started = 0;
     bool bRunKey = false;
     bool bRefused = false;        // another instance ran, or the start failed
-    bool bFinished = false;       // "Watch Dog finished"
+    bool bFinished = false;       // "Watch Dog finished", or an error after which it returns -1
+    bool bGone = false;           // a later supervisor served while this one had logged no end
     bool bHandOver = false;       // waits for a predecessor in its final wait to end
     bool bKeldAsked = false;      // in its final wait, asked to start Keld
     long long seAgntMaxNum = -1;  // as it loaded it, once

@@ -169,7 +169,8 @@ void Lifetimes(const LogState& log, const std::vector<Process>& processes, Statu
         });
         if (!entry.second.bRunKey && !entry.second.bRefused && !bRunning &&
             entry.first != r.phase.dwSupervisor &&
-            (pLast == nullptr || entry.second.started > pLast->second.started)) {
+            (pLast == nullptr || std::make_pair(entry.second.started, entry.second.lastSeen) >=
+                                     std::make_pair(pLast->second.started, pLast->second.lastSeen))) {
             pLast = &entry;
         }
     }

@@ -138,7 +138,11 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
             L(2, 10, 30, "Exit Watch Dog From Run Key. nRet=0") +
             // The process id used again: the earlier exit stays unattributed, the start is a start.
             L(3, 0, 10, "Start Watch Dog") + L(3, 0, 10, "Watch Dog started") + Started(3, 1, 10, 50, 4) +
-            L(3, 2, 10, "WaitForMultipleObjects Error", true);
+            L(3, 2, 10, "WaitForMultipleObjects Error", true) +
+            // Refused: it returns -1. Then one that serves while 10 has logged no end: 10 is gone.
+            L(4, 0, 90, "Start Watch Dog") + L(4, 0, 90, "Watch Dog started") +
+            L(4, 0, 90, "Another instance is running!!", true) + L(4, 10, 80, "Start Watch Dog") +
+            L(4, 10, 80, "Watch Dog started") + L(4, 11, 80, "Enter WaitForMultipleObjects Main Loop");
     const Result run = Timeline({life});
     EXPECT_EQ(0, run.code);
     ExpectHas(
@@ -148,7 +152,11 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "[10] start gate: the install key was deleted and created again",
          "[10] LOG GAP: 3 line(s) of this process could not be written before this point (32: ",
          "[10] serving: main loop",
-         "[10] session 4: loses its agent (pid 50): a failed wait; it is not restarted",
+         "20:04:00  [90] ended (exit code -1)",
+         "20:03:02  [10] no end in the log: killed or crashed after its last line (process 80 serves from "
+         "2026-11-16 20:04:11)",
+         "[10] session 4: agent (pid 50) no longer supervised: a failed wait; it is not restarted when it "
+         "ends",
          "[10] session 1: agent started (pid 20)",
          "session 1: agent ended, exit 0xC0000005 access violation; restarted (pid 21)",
          "session 1: agent ended, exit 0xC0000142 DLL initialization failed (the session is ending) "
@@ -160,9 +168,10 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
          "session 3: agent ended, exit 0x1, could not be restarted: CreateProcessAsUser GetLastError=2",
          "ERROR CreateProcessAsUser GetLastError=2 (2: the file or key was not found)",
          "20:02:05  [10] an agent ended, exit 0x0 normal end; the log does not tell in which session",
-         "session 1: loses its agent (pid 22): a terminate request; it is not restarted",
+         "session 1: agent (pid 22) no longer supervised: a terminate request; it is not restarted when it "
+         "ends",
          "20:03:01  [10] session 4: agent started (pid 50)",
-         "2 supervisor start(s), 2 run-key instance(s), 9 error(s), 1 agent exit(s) not attributed to a "
+         "4 supervisor start(s), 2 run-key instance(s), 10 error(s), 1 agent exit(s) not attributed to a "
          "session, 3 line(s) the watchdog could not write",
          "session 1: 3 agent start(s), 1 restart(s), 1 ungraceful end(s), 1 graceful end(s), 1 off, 1 "
          "on again",

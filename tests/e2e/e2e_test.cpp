@@ -213,7 +213,7 @@ TEST(Supervisor, WholeLife) {
                "session 1: CRASH LOOP: restarted",
                "session 1: agent ended, exit 0xC0000005 access violation; restarted",
                "session 1: agent ended, exit 0x1, could not be restarted: CreateProcessAsUser GetLastError=2",
-               "session 1: loses its agent (pid", "0 agent exit(s) not attributed"});
+               "session 1: agent (pid", "no longer supervised", "0 agent exit(s) not attributed"});
     // A few wake-ups for each write and deletion (the last write may be read without one of its own):
     // no line per turn.
     EXPECT_LE(w + 3, log.Count(wake));
@@ -326,7 +326,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
               {"request served: close agents and wait: final wait", "the host process ended: final wait",
                "hand-over: asks the waiting predecessor to start Keld",
                "asks the service control manager to start Keld (the log records no result)",
-               "loses its agent (pid", "the host process's end; it is not restarted",
+               "no longer supervised: the host process's end; it is not restarted when it ends",
                "ERROR Another instance is running!!", "request served: update", "6 supervisor start(s)"});
 
     // A supervisor killed with its agent left: no supervisor, the agent found by the log all the
