@@ -228,6 +228,10 @@ TEST(Timeline, ALifeAttributedFlaggedAndSummed) {
 
 TEST(Vocabulary, EveryMessageIsReadBackAsWrittenWithItsFields) {
     ASSERT_EQ(QoLog::MESSAGE_COUNT, Catalogue().size());
+    QoWatchCtl::Recognised number;
+    EXPECT_EQ(QoWatchCtl::EMatch::UNKNOWN,
+              QoWatchCtl::Recognise("Newly created process id=x1", false, number))
+        << "a number field holds digits";
     for (const auto& written : Catalogue()) {
         const QoLog::SMessage& message = QoLog::Message(written.first);
         const std::string text(written.second.begin(), written.second.end());  // the samples are ASCII
