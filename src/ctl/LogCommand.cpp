@@ -24,7 +24,7 @@ bool Shown(const Entry& e, const Options& o) {
         return false;
     }
     if (!o.grep.empty() && e.text.find(o.grep) == std::string::npos &&
-        e.message.find(o.grep) == std::string::npos) {
+        e.line.find(o.grep) == std::string::npos && e.message.find(o.grep) == std::string::npos) {
         return false;
     }
     // Narrowed to one session: its own entries and the processes' events that explain its gaps.
@@ -50,7 +50,7 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
     if (e.exitCode >= 0) {
         const unsigned long code = static_cast<unsigned long>(e.exitCode);
         out << ",\"exit_code\":" << code << ",\"exit_hex\":" << JsonString(ExitHex(code))
-            << ",\"exit_name\":" << JsonString(ExitWord(code));
+            << (ExitWord(code).empty() ? "" : ",\"exit_name\":" + JsonString(ExitWord(code)));
         if (!e.bOwnExit) {
             out << ",\"graceful\":" << (e.graceful ? "true" : "false");
         }
@@ -171,17 +171,23 @@ long long FirstTime(const std::vector<std::string>& lines) {
 // Reads the files once each; the result 2 when one cannot be read, else 0.
 int ReadInputs(const Options& o, std::vector<std::pair<long long, std::string>>& inputs,
                std::vector<std::vector<std::string>>& contents, std::ostream& err) {
-    std::vector<std::filesystem::path> seen;
+    std::vector<std::string> seen;
     int result = 0;
     for (const std::string& file : o.files) {
         std::error_code error;
         const std::filesystem::path same =
             std::filesystem::weakly_canonical(std::filesystem::u8path(file), error);
-        if (std::find(seen.begin(), seen.end(), same) != seen.end()) {
+        std::string key = same.u8string();
+#ifdef _WIN32
+        // Paths on Windows name the same file in any letter case.
+        std::transform(key.begin(), key.end(), key.begin(),
+                       [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+#endif
+        if (std::find(seen.begin(), seen.end(), key) != seen.end()) {
             err << "log: " << file << " is given twice: read once\n";
             continue;
         }
-        seen.push_back(same);
+        seen.push_back(key);
         std::vector<std::string> lines;
         std::string why;
         // A log to follow that does not exist yet is waited for, as tail -F does.
@@ -209,7 +215,7 @@ void Follow(const std::string& path, CTimelineFold& timeline, Options& o, std::o
         const std::vector<std::string> lines = tail.Read(bCut);
         if (bCut) {
             number = 0;
-            err << "log: == " << path << " was cut: reading the new file from its start\n";
+            err << "log: " << path << " was cut: reading the new file from its start\n";
         }
         for (const std::string& text : lines) {
             timeline.Add(path, ++number, text);

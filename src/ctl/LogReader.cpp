@@ -263,8 +263,8 @@ long long ParseTime(const std::string& text) {
     }
     int y = 0, mon = 0, d = 0, h = 0, min = 0, s = 0, used = 0;
     // A time of day alone: today at that time.
-    if ((std::sscanf(text.c_str(), "%2d:%2d%n", &h, &min, &used) == 2 ||
-         std::sscanf(text.c_str(), "%2d:%2d:%2d%n", &h, &min, &s, &used) == 3) &&
+    const bool bSeconds = std::sscanf(text.c_str(), "%2d:%2d:%2d%n", &h, &min, &s, &used) == 3;
+    if ((bSeconds || std::sscanf(text.c_str(), "%2d:%2d%n", &h, &min, &used) == 2) &&
         used == static_cast<int>(text.size()) && text.size() >= 5) {
         return ValidCivil(1970, 1, 1, h, min, s) ? today + h * 3600LL + min * 60LL + s : -1;
     }
@@ -305,7 +305,7 @@ bool ReadLines(const std::string& path, std::vector<std::string>& lines, std::st
     }
     std::ifstream in(file, std::ios::binary);
     if (!in) {
-        why = "cannot be read";
+        why = std::filesystem::exists(file, error) ? "cannot be read" : "cannot be read: not found";
         return false;
     }
     std::ostringstream content;

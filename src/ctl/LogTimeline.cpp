@@ -58,6 +58,7 @@ public:
         }
         m_bCounted = InWindow(line.seconds);
         m_lines += m_bCounted ? 1 : 0;
+        m_message = line.message;
         ++m_parsed;
         m_lastSeconds = line.seconds;
         Handle(line);
@@ -114,6 +115,7 @@ private:
         e.session = session;
         e.event = event;
         e.text = text;
+        e.line = m_message;
         return e;
     }
 
@@ -485,6 +487,7 @@ private:
     long long m_since, m_until;
     bool m_bCounted = true;  // the line being read is inside the window
     size_t m_parsed = 0;
+    std::string m_message;  // of the line being read
     Counts m_ignored;
     size_t m_seq = 0;
     long long m_lastSeconds = 0;

@@ -63,7 +63,9 @@ int Usage(std::ostream& out, int nCode) {
     out << "usage: QoWatchCtl status [--platform DIR] [--json | --prometheus]\n"
            "       QoWatchCtl reload | stop | terminate | update | close-and-wait | start-keld [--wait "
            "SECONDS]\n"
-           "       QoWatchCtl log [FILE...] [--session N] [--since TIME] [--until TIME] [--json] [--follow]\n"
+           "       QoWatchCtl log [FILE...] [--session N] [--since TIME] [--until TIME] [--grep TEXT] [-n "
+           "N]\n"
+           "                      [--json] [--follow|-f]\n"
            "       QoWatchCtl report [FILE]\n"
            "       QoWatchCtl --help\n";
     return nCode;
@@ -105,7 +107,7 @@ int Send(const Request& request, long nWaitSeconds) {
         bListens = bListens || wcscmp(pszEvent, request.pszEvent) == 0;
     }
     if (!bListens) {
-        std::cerr << request.pszCommand << ": refused: the supervisor is " << phase.text
+        std::cerr << request.pszCommand << ": refused: supervisor phase: " << phase.text
                   << "; nothing acts on " << Utf8(request.pszEvent) << " in that phase\n";
         return 1;
     }
@@ -151,7 +153,7 @@ int wmain(int argc, wchar_t** argv) {
         std::wstring strPlatform;
         EFormat eFormat = EFormat::TEXT;
         for (size_t i = 1; i < args.size(); ++i) {
-            if (args[i] == "--json" || args[i] == "--prometheus") {
+            if ((args[i] == "--json" || args[i] == "--prometheus") && eFormat == EFormat::TEXT) {
                 eFormat = args[i] == "--json" ? EFormat::JSON : EFormat::PROMETHEUS;
             } else if (args[i] == "--platform" && i + 1 < args.size()) {
                 strPlatform = argv[++i + 1];

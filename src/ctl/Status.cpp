@@ -156,7 +156,8 @@ void Lifetimes(const LogState& log, const std::vector<Process>& processes, Statu
             r.dwHost = HostOf(p.dwPid);
         }
     }
-    r.host = "not running: the supervisor closes its agents and waits for its final requests";
+    r.host =
+        r.dwHost != 0 ? "not running: the supervisor closes its agents and waits for its final requests" : "";
     for (const Process& p : processes) {
         if (r.dwHost != 0 && p.dwPid == r.dwHost && p.started <= started) {
             r.host = Utf8(p.strName) + ", running";
@@ -364,7 +365,7 @@ int Classify(const LogState& log, const ProcessLog* pSupervisor, long long loade
             code = view.state == "restart_failed" ? STATUS_RESTART_FAILED
                    : view.state == "no_agent"     ? STATUS_SESSIONS_MISSING
                                                   : STATUS_SERVING;
-        } else if (view.bCrashLoop && !bEnded) {
+        } else if (view.bCrashLoop && !bEnded && pSupervisor != nullptr) {
             view.state = "crash_loop";
             view.why = "restarted " + std::to_string(view.restartsLastHour) +
                        " times in the last hour, the last " + FormatTime(restarts.back().seconds) +
@@ -375,6 +376,8 @@ int Classify(const LogState& log, const ProcessLog* pSupervisor, long long loade
             if (pKnown != nullptr && pKnown->eState == SessionLog::SUPERVISION_ENDED) {
                 view.why = "no longer restarted: supervision ended by " + pKnown->why + " at " +
                            FormatTime(pKnown->since);
+            } else if (pSupervisor == nullptr) {
+                view.why = "not supervised: no supervisor runs, it is not restarted when it ends";
             }
         } else if (loadedMax >= 0 && !view.shells.empty()) {
             // A monitor starts agents only while it watches fewer than the limit.
@@ -396,6 +399,7 @@ int Classify(const LogState& log, const ProcessLog* pSupervisor, long long loade
             view.why = view.shells.empty() ? "no shell and no agent" : "the log says nothing of it";
             code = view.shells.empty() ? STATUS_SERVING : STATUS_SESSIONS_MISSING;
         }
+        view.bCrashLoop = view.state == "crash_loop";
         // A failed restart, then a crash loop, then two agents, then a missing agent.
         static const int s_rank[] = {0, 1, 0, 0, 0, 0, 3, 4, 2};
         worst = s_rank[code] > s_rank[worst] ? code : worst;
@@ -428,10 +432,13 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
     const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
     r.platform = strPlatform;
     r.bAgent = bAgent;
-    r.agentText = bAgent ? Utf8(strAgent)
-                  : strPlatform.empty()
-                      ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
-                      : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
+    r.agentText =
+        bAgent ? Utf8(strAgent)
+        : strPlatform.empty()
+            ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
+        : GetFileAttributesW((strPlatform + L"\\" + SESSION_AGENT_INI).c_str()) == INVALID_FILE_ATTRIBUTES
+            ? "unknown: there is no " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI)
+            : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
 
     FindSessions(log, processes, bAgent, strAgent, r.sessions);
     DWORD dwMaxValue = 0;

@@ -45,9 +45,12 @@ void RenderJson(const StatusReport& r, std::ostream& out) {
         << ",\"log_fallback\":" << (r.logFallback.empty() ? "null" : JsonString(r.logFallback))
         << ",\"log_lines_lost\":" << r.lostLines << ",\"keld_service\":" << JsonString(r.keld)
         << ",\"uptime_seconds\":" << (r.uptime >= 0 ? std::to_string(r.uptime) : "null")
-        << ",\"host_pid\":" << r.dwHost << ",\"host\":" << JsonString(r.host)
+        << ",\"host_pid\":" << r.dwHost << ",\"host\":" << (r.host.empty() ? "null" : JsonString(r.host))
         << ",\"last_end\":" << (r.lastEnd.empty() ? "null" : JsonString(r.lastEnd))
-        << ",\"supervisor_in_log\":" << (r.phase.bUnlogged ? "false" : "true")
+        << ",\"supervisor_in_log\":"
+        << (r.phase.dwSupervisor == 0 ? "null"
+            : r.phase.bUnlogged       ? "false"
+                                      : "true")
         << ",\"agent\":" << (r.bAgent ? JsonString(r.agentText) : "null") << ",\"sessions\":[";
     bool bFirst = true;
     for (const auto& entry : r.sessions) {

@@ -23,6 +23,7 @@ struct Entry {
     bool graceful = false;  // as the exit line says
     bool bOwnExit = false;  // the exit code is the watchdog process's own, not an agent's
     unsigned long agentPid = 0;
+    std::string line;  // the log message it was read from, for --grep
 };
 
 // The log read into the timeline's events, line by line, and into the state of its processes.

@@ -51,9 +51,12 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(qt::SetString(qt::kEnvKey, L"Path", otherPath + L";" + qt::PlatformDir(), REG_EXPAND_SZ));
     qt::Agents started;
     ExpectCtl(L"status", 5, {"Supervisor: none", "Keld service: stopped"});
-    ExpectCtl(L"reload", 1, {"reload: refused: the supervisor is none: no supervisor holds"});
+    ExpectCtl(L"reload", 1, {"reload: refused: supervisor phase: none: no supervisor holds"});
     ExpectCtl(L"report \"" + qt::Scratch(L"report") + L"\\before.txt\"", 0, {"before.txt"});
     ExpectCtl(L"report --json", 9, {"report: takes only a file name"});
+    ExpectCtl(L"status --json", 5,
+              {"\"host_pid\":0,\"host\":null,\"last_end\":null,\"supervisor_in_log\":null"});
+    ExpectCtl(L"status --json --prometheus", 9, {"status: unknown or incomplete option --prometheus"});
     const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
 
@@ -77,7 +80,7 @@ TEST(Supervisor, WholeLife) {
     ASSERT_TRUE(qt::WaitLog(wake, w + 1));
     EXPECT_EQ(w + 1, qt::ReadLog().Count(wake)) << "one wake-up per write";
     EXPECT_TRUE(qt::Find(L"QoSessionAgent.exe").empty());
-    ExpectCtl(L"stop", 1, {"refused: the supervisor is at its start gate"});  // and the gate armed again
+    ExpectCtl(L"stop", 1, {"refused: supervisor phase: at its start gate"});  // and the gate armed again
     // The product's whole tree uninstalled and written again with 2: the gate follows the keys back
     // down and stays shut. Then its install key's parent deleted and the key written again with 1
     // at once: the gate opens.
@@ -172,7 +175,7 @@ TEST(Supervisor, WholeLife) {
     ExpectCtl(L"terminate", 0, {});
     ASSERT_TRUE(qt::WaitLog("KELD Stop", 2));
     ExpectCtl(L"status", 4, {"terminating: waits for its agents to end"});
-    ExpectCtl(L"reload", 1, {"refused: the supervisor is terminating"});
+    ExpectCtl(L"reload", 1, {"refused: supervisor phase: terminating"});
     qt::EndAllAgents(0);
     EXPECT_EQ(0u, Exit(supervisor));
 
@@ -235,7 +238,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ASSERT_TRUE(qt::WaitLog("Wait for All Session Agent. dwRet=0"));
     qt::ResetAllAgents();
     ExpectCtl(L"status", 3, {"Supervisor: final wait"});
-    ExpectCtl(L"reload", 1, {"refused: the supervisor is final wait"});
+    ExpectCtl(L"reload", 1, {"refused: supervisor phase: final wait"});
     ASSERT_TRUE(qt::Signal(qt::kTerminate));
     EXPECT_EQ(0u, Exit(first));
     EXPECT_FALSE(qt::Exists(qt::kStartKeld));
@@ -267,7 +270,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ASSERT_TRUE(qt::WaitLog("Update Event!!"));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(noStop.get(), qt::kWaitMs));
     ExpectCtl(L"status", 4, {"closing for an update"});
-    ExpectCtl(L"stop", 1, {"refused: the supervisor is closing for an update"});
+    ExpectCtl(L"stop", 1, {"refused: supervisor phase: closing for an update"});
     ASSERT_TRUE(qt::EndAgent(qt::OnlyAgent(), 1));
     ASSERT_TRUE(started.Wait()) << "still restarting until the close comes from outside";
     ASSERT_TRUE(qt::Signal(qt::kClose));
@@ -286,7 +289,7 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
                       "Another instance is running!!", "Update Event!!", "Watch Dog finished"}));
     EXPECT_EQ(1u, log.Count("Start KELD service."));
     EXPECT_EQ(1u, log.Errors()) << "the refused start's alone: " << qt::InOrder(log, {"?"});
-    ExpectCtl(L"start-keld", 1, {"start-keld: refused: the supervisor is none"});
+    ExpectCtl(L"start-keld", 1, {"start-keld: refused: supervisor phase: none"});
 
     // A supervisor in its final wait asked to start Keld while it already runs: it only ends.
     const qt::Proc fourth = qt::StartWatchDog(std::to_wstring(host.pid));
@@ -342,7 +345,8 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ExpectCtl(L"status", 5,
               {"Supervisor: none", "; agent " + std::to_string(qt::OnlyAgent()) + " since 20",
                "Last supervisor before it: process " + std::to_string(sixth.pid) +
-                   " is gone, and its log has no end"});
+                   " is gone, and its log has no end",
+               "not supervised: no supervisor runs"});
     qt::EndAllAgents(0);
 }
 
