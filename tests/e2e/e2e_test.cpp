@@ -311,7 +311,9 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     ExpectCtl(L"status", 0,
               {"SeAgntMaxNum: 5 (REG_DWORD) in the registry; the supervisor loaded 0",
                "NO AGENT: left out by the agent limit: SeAgntMaxNum 0 as loaded"});
-    ExpectCtl(L"status --json", 0, {"\"se_agnt_max_num\":\"5 (REG_DWORD)\",\"se_agnt_max_num_loaded\":0,"});
+    ExpectCtl(L"status --json", 0,
+              {"\"se_agnt_max_num\":\"5 (REG_DWORD)\",\"se_agnt_max_num_loaded\":0,",
+               "\"sessions\":[{\"session\":"});
     const std::wstring report = qt::Scratch(L"report") + L"\\ticket.txt";
     ExpectCtl(L"report \"" + report + L"\"", 0, {"report: "});
     std::ostringstream text;
