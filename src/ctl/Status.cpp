@@ -468,8 +468,11 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
     r.log = Utf8(strLog);
     r.logFallback = fallbackWhy;
     r.logNote = bLog                                                            ? ""
-                : GetFileAttributesW(strLog.c_str()) == INVALID_FILE_ATTRIBUTES ? "not there yet"
-                                                                                : logWhy;
+                : GetFileAttributesW(strLog.c_str()) != INVALID_FILE_ATTRIBUTES ? logWhy
+                : phase.bUnlogged
+                    ? "not there: moved away or deleted while the supervisor runs; its next line "
+                      "begins a new one"
+                    : "not there yet";
     r.recentErrors = log.recentErrors;
     r.lostLines = log.lostLines;
     Lifetimes(log, processes, r);

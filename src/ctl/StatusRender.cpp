@@ -87,16 +87,18 @@ void RenderText(const StatusReport& r, std::ostream& out) {
     }
     out << "\nLast supervisor before it: " << (r.lastEnd.empty() ? "none in the log" : r.lastEnd)
         << "\nWatchdog processes:";
-    for (const WatchdogView& w : r.watchdogs) {
-        out << " " << w.process.dwPid << " " << w.role
-            << (w.process.started >= 0 ? " since " + FormatTime(w.process.started) : "") << ";";
+    for (size_t i = 0; i < r.watchdogs.size(); ++i) {
+        const WatchdogView& w = r.watchdogs[i];
+        out << (i ? "; " : " ") << w.process.dwPid << " " << w.role
+            << (w.process.started >= 0 ? " since " + FormatTime(w.process.started) : "");
     }
     out << (r.watchdogs.empty() ? " none" : "") << "\nSetStartEvent: " << r.gateText
         << (r.bGateOpens ? ": the start gate opens" : ": the start gate stays shut")
         << "\nSeAgntMaxNum: " << r.maxText << (r.bMaxDword ? "" : ", so the default 2147483647")
         << " in the registry; "
         << (r.loadedMax >= 0 ? "the supervisor loaded " + std::to_string(r.loadedMax) + " (once per process)"
-                             : "not loaded by a supervisor")
+            : r.phase.bUnlogged ? "the supervisor's load of it is not in the log"
+                                : "not loaded by a supervisor")
         << "\nInstallDir: " << r.installDir << "\nLog: " << r.log
         << (r.logFallback.empty() ? "" : " (the fallback: " + r.logFallback + ")")
         << (r.logNote.empty() ? "" : " (" + r.logNote + ")")

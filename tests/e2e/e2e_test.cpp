@@ -108,6 +108,7 @@ TEST(Supervisor, WholeLife) {
     ExpectCtl(
         L"status", 0,
         {"Supervisor: serving (process " + std::to_string(supervisor.pid) + "); the log does not tell of it",
+         "the supervisor's load of it is not in the log", "(not there: moved away or deleted while",
          "; agent " + std::to_string(qt::OnlyAgent()) + " since 20"});
     ASSERT_TRUE(MoveFileW(away.c_str(), qt::LogPath().c_str()));
 
