@@ -42,8 +42,10 @@ void ExpectCtl(const std::wstring& args, DWORD code, const std::vector<std::stri
 // it: one deleted before the gate's first arm wakes nothing, and either way the gate then waits
 // with the tree gone.
 void Uninstall() {
+    qt::LogTail tail;
+    tail.Mark();
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, qt::kProductKey);
-    qt::LogTail().Wait("Regkey is changed. check again.", 1, 2000);
+    tail.Wait("Regkey is changed. check again.", 1, 2000);
 }
 
 TEST(Supervisor, WholeLife) {
