@@ -294,6 +294,16 @@ Phase ReadPhase(const LogState& log, const std::vector<Process>& processes) {
     } else {
         set(STATUS_SERVING, "serving", "serving", mainLoop);
     }
+    // A request's manual-reset event set while the main loop waits: the supervisor has not served it
+    // (it is suspended or stuck), as its log would tell once it had.
+    if (phase.id == "serving" || phase.id == "stopped") {
+        if (ManualEventIsSet(EVENT_ID_BREVANT_SHUTDOWN_UIFRAMEWORK)) {
+            phase.pending.emplace_back("update");
+        }
+        if (ManualEventIsSet(EVENT_ID_BREVANT_TERMINATE_SESSION_AGENT_AND_WAITING)) {
+            phase.pending.emplace_back("close-and-wait");
+        }
+    }
     return phase;
 }
 

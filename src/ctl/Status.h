@@ -55,6 +55,7 @@ struct Phase {
     DWORD dwSupervisor = 0;
     DWORD dwSuccessor = 0;   // a starting supervisor that waits for this one to end
     bool bUnlogged = false;  // the supervisor is the one watchdog running, but the log does not tell of it
+    std::vector<std::string> pending;  // requests set that its main loop has not served
     std::vector<const wchar_t*> listens;
 };
 

@@ -47,7 +47,11 @@ void RenderJson(const StatusReport& r, std::ostream& out) {
         << ",\"uptime_seconds\":" << (r.uptime >= 0 ? std::to_string(r.uptime) : "null")
         << ",\"host_pid\":" << r.dwHost << ",\"host\":" << (r.host.empty() ? "null" : JsonString(r.host))
         << ",\"last_end\":" << (r.lastEnd.empty() ? "null" : JsonString(r.lastEnd))
-        << ",\"supervisor_in_log\":"
+        << ",\"pending_requests\":[";
+    for (size_t i = 0; i < r.phase.pending.size(); ++i) {
+        out << (i ? "," : "") << JsonString(r.phase.pending[i]);
+    }
+    out << "],\"supervisor_in_log\":"
         << (r.phase.dwSupervisor == 0 ? "null"
             : r.phase.bUnlogged       ? "false"
                                       : "true")
@@ -81,6 +85,9 @@ void RenderText(const StatusReport& r, std::ostream& out) {
     out << "Supervisor: " << r.phase.text
         << (r.phase.dwSupervisor != 0 ? " (process " + std::to_string(r.phase.dwSupervisor) + ")" : "")
         << (r.phase.bUnlogged ? "; the log does not tell of it" : "");
+    for (const std::string& request : r.phase.pending) {
+        out << "; REQUEST PENDING: " << request << " (its event is set, the supervisor has not served it)";
+    }
     if (r.uptime >= 0) {
         out << "\nUp: " << r.uptime / 86400 << "d " << r.uptime / 3600 % 24 << "h " << r.uptime / 60 % 60
             << "m " << r.uptime % 60 << "s; started by process " << r.dwHost << " (" << r.host << ")";
@@ -143,6 +150,8 @@ void RenderPrometheus(const StatusReport& r, std::ostream& out) {
     out << "qowatchdog_uptime_seconds " << (r.uptime >= 0 ? r.uptime : 0) << "\n";
     Metric(out, "status_code", "gauge", "The exit code of QoWatchCtl status (0 serving, 5 no supervisor).");
     out << "qowatchdog_status_code " << r.phase.nCode << "\n";
+    Metric(out, "requests_pending", "gauge", "Requests set that the supervisor's main loop has not served.");
+    out << "qowatchdog_requests_pending " << r.phase.pending.size() << "\n";
     Metric(out, "gate_open", "gauge", "1 when SetStartEvent is the REG_DWORD 1 that opens the start gate.");
     out << "qowatchdog_gate_open " << (r.bGateOpens ? 1 : 0) << "\n";
     size_t agents = 0, restarts = 0, loops = 0, missing = 0, shells = 0;

@@ -57,7 +57,7 @@ TEST(Supervisor, WholeLife) {
     ExpectCtl(L"report \"" + qt::Scratch(L"report") + L"\\before.txt\"", 0, {"before.txt"});
     ExpectCtl(L"report --json", 9, {"report: takes only a file name"});
     ExpectCtl(L"status --json", 5,
-              {"\"host_pid\":0,\"host\":null,\"last_end\":null,\"supervisor_in_log\":null"});
+              {"\"host_pid\":0,\"host\":null,\"last_end\":null,\"pending_requests\":[],\"supervisor_in_log\":null"});
     ExpectCtl(L"status --json --prometheus", 9, {"status: unknown or incomplete option --prometheus"});
     const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
@@ -269,7 +269,16 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
     EXPECT_EQ(qt::kFailed, Exit(refused));
 
     const qt::Handle noStop = qt::Own(OpenEventW(SYNCHRONIZE, FALSE, qt::kCloseNoStop));
+    // Set while the supervisor is suspended, the request is pending; resumed, it serves it.
+    std::vector<qt::Handle> frozen;
+    for (const DWORD tid : qt::ThreadsOf(third.pid)) {
+        frozen.push_back(qt::Own(OpenThread(THREAD_SUSPEND_RESUME, FALSE, tid)));
+        SuspendThread(frozen.back().get());
+    }
     ExpectCtl(L"update", 0, {});
+    ExpectCtl(L"status", 0, {"serving (process " + std::to_string(third.pid) + "); REQUEST PENDING: update"});
+    for (const qt::Handle& thread : frozen)
+        ResumeThread(thread.get());
     ASSERT_TRUE(qt::WaitLog("Update Event!!"));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(noStop.get(), qt::kWaitMs));
     ExpectCtl(L"status", 4, {"closing for an update"});

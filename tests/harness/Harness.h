@@ -40,6 +40,8 @@ using Handle = std::unique_ptr<void, CloseHandleOf>;
 Handle Own(HANDLE h);  // null for null and INVALID_HANDLE_VALUE
 
 // Paths: the build's programs (given by CMake as Unix paths) and the installed client of the prefix.
+// The ids of a process's threads.
+std::vector<DWORD> ThreadsOf(DWORD pid);
 // A Unix path that CMake put in an environment variable, as Wine shows it on drive Z:.
 std::wstring BuildPath(const char* variable);
 std::wstring WatchDogExe();
