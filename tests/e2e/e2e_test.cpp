@@ -57,7 +57,8 @@ TEST(Supervisor, WholeLife) {
     ExpectCtl(L"report \"" + qt::Scratch(L"report") + L"\\before.txt\"", 0, {"before.txt"});
     ExpectCtl(L"report --json", 9, {"report: takes only a file name"});
     ExpectCtl(L"status --json", 5,
-              {"\"host_pid\":0,\"host\":null,\"last_end\":null,\"pending_requests\":[],\"supervisor_in_log\":null"});
+              {"\"host_pid\":0,\"host\":null,\"last_end\":null,\"pending_requests\":[],\"supervisor_in_log\":"
+               "null"});
     ExpectCtl(L"status --json --prometheus", 9, {"status: unknown or incomplete option --prometheus"});
     const qt::Proc host = qt::StartHelper(L"host.exe", L"idle");
     const qt::Proc supervisor = qt::StartWatchDog(std::to_wstring(host.pid));
@@ -166,6 +167,9 @@ TEST(Supervisor, WholeLife) {
     ExpectCtl(L"status", 7,
               {"NO AGENT: its agent ended with exit 0x1 at 20",
                "and could not be restarted: CreateProcessAsUser GetLastError=2"});
+    ExpectCtl(L"status --prometheus", 7,
+              {"qowatchdog_sessions_without_agent 1\n",
+               "qowatchdog_session_agents{session=\"1\",state=\"restart_failed\"} 0\n"});
     const qt::Log afterFailure = qt::ReadLog();
     const qt::Proc newShell = qt::StartHelper(L"explorer.exe", L"idle");
     ExpectCtl(L"reload --wait 60", 0, {"reload: served: supervisor " + std::to_string(supervisor.pid)});
@@ -275,7 +279,9 @@ TEST(Supervisor, FinalWaitsHandOverAndUpdate) {
         frozen.push_back(qt::Own(OpenThread(THREAD_SUSPEND_RESUME, FALSE, tid)));
         SuspendThread(frozen.back().get());
     }
-    ExpectCtl(L"update", 0, {});
+    ExpectCtl(L"update --wait 1", 1,
+              {"update: not served: supervisor " + std::to_string(third.pid) +
+               " logged no Update Event!! within 1 s"});
     ExpectCtl(L"status", 0, {"serving (process " + std::to_string(third.pid) + "); REQUEST PENDING: update"});
     for (const qt::Handle& thread : frozen)
         ResumeThread(thread.get());
