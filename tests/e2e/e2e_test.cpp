@@ -84,6 +84,14 @@ TEST(Supervisor, WholeLife) {
     EXPECT_EQ(w + 1, qt::ReadLog().Count(wake)) << "one wake-up per write";
     EXPECT_TRUE(qt::Find(L"QoSessionAgent.exe").empty());
     ExpectCtl(L"stop", 1, {"refused: supervisor phase: at its start gate"});  // and the gate armed again
+    // The report reads the gate's manual-reset event without taking a signal.
+    const std::wstring atGate = qt::Scratch(L"report") + L"\\gate.txt";
+    ExpectCtl(L"report \"" + atGate + L"\"", 0, {"gate.txt"});
+    std::ostringstream gateReport;
+    gateReport << std::ifstream(std::filesystem::path(atGate)).rdbuf();
+    EXPECT_NE(std::string::npos,
+              gateReport.str().find("Global\\EVENT_ID_BREVANT_START_SERVICE: exists, not set"))
+        << gateReport.str();
     // The product's whole tree uninstalled and written again with 2: the gate follows the keys back
     // down and stays shut. Then its install key's parent deleted and the key written again with 1
     // at once: the gate opens.
