@@ -310,6 +310,7 @@ private:
             m_state.processes[line.pid] = ProcessLog();
             m_state.processes[line.pid].started = line.seconds;
             m_state.processes[line.pid].lastSeen = line.seconds;
+            m_state.processes[line.pid].order = ++m_starts;
             return;
         }
         Work& work = m_work[line.pid];
@@ -487,6 +488,7 @@ private:
     long long m_since, m_until;
     bool m_bCounted = true;  // the line being read is inside the window
     size_t m_parsed = 0;
+    size_t m_starts = 0;
     std::string m_message;  // of the line being read
     Counts m_ignored;
     size_t m_seq = 0;

@@ -65,6 +65,7 @@ struct ProcessLog {
     long long seAgntMaxNum = -1;  // as it loaded it, once
     long long ended = -1;         // when it logged its end
     long long lastSeen = 0;       // its last line
+    size_t order = 0;             // of its start among the log's process starts: later is greater
     long long exitCode = -1;      // as its end tells it: 0, or a run-key instance's -1
 
     std::string lastEvent;  // the event of its last such line: request_stop, host_ended, ended...

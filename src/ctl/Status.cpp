@@ -170,8 +170,7 @@ void Lifetimes(const LogState& log, const std::vector<Process>& processes, Statu
         });
         if (!entry.second.bRunKey && !entry.second.bRefused && !bRunning &&
             entry.first != r.phase.dwSupervisor &&
-            (pLast == nullptr || std::make_pair(entry.second.started, entry.second.lastSeen) >=
-                                     std::make_pair(pLast->second.started, pLast->second.lastSeen))) {
+            (pLast == nullptr || entry.second.order > pLast->second.order)) {
             pLast = &entry;
         }
     }
@@ -214,7 +213,7 @@ const ProcessLog* FindSupervisor(const LogState& log, const std::vector<Process>
         }
         if (it->second.bHandOver) {
             phase.dwSuccessor = p.dwPid;
-        } else if (pSupervisor == nullptr || it->second.started >= pSupervisor->started) {
+        } else if (pSupervisor == nullptr || it->second.order > pSupervisor->order) {
             pSupervisor = &it->second;
             phase.dwSupervisor = p.dwPid;
         }
