@@ -19,10 +19,9 @@ struct Options {
     bool bJson = false, bFollow = false;
 };
 
+// Whether the options show an event; --since and --until are the fold's, which yields no event
+// outside them.
 bool Shown(const Entry& e, const Options& o) {
-    if ((o.since >= 0 && e.seconds < o.since) || (o.until >= 0 && e.seconds > o.until)) {
-        return false;
-    }
     if (!o.grep.empty() && e.text.find(o.grep) == std::string::npos &&
         e.line.find(o.grep) == std::string::npos && e.message.find(o.grep) == std::string::npos) {
         return false;
@@ -49,8 +48,9 @@ void Print(std::ostream& out, const Entry& e, const Options& o) {
     }
     if (e.exitCode >= 0) {
         const unsigned long code = static_cast<unsigned long>(e.exitCode);
+        const std::string word = ExitWord(code);
         out << ",\"exit_code\":" << code << ",\"exit_hex\":" << JsonString(ExitHex(code))
-            << (ExitWord(code).empty() ? "" : ",\"exit_name\":" + JsonString(ExitWord(code)));
+            << (word.empty() ? "" : ",\"exit_name\":" + JsonString(word));
         if (!e.bOwnExit) {
             out << ",\"graceful\":" << (e.graceful ? "true" : "false");
         }

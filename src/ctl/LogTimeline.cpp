@@ -62,6 +62,7 @@ public:
         ++m_parsed;
         m_lastSeconds = line.seconds;
         Handle(line);
+        m_message.clear();  // events made later (at a flush) are of no one line
     }
 
     // Restarts held back for a crash loop; at the end also the exits still waiting for the line
@@ -119,8 +120,6 @@ private:
         return e;
     }
 
-    // Restarts of a session in a row, each soon after the last with the same exit code, are held
-    // back and told as one crash loop when there are enough of them.
     bool InWindow(long long seconds) const {
         return (m_since < 0 || seconds >= m_since) && (m_until < 0 || seconds <= m_until);
     }
@@ -131,6 +130,8 @@ private:
         return m_bCounted ? m_counts[session] : m_ignored;
     }
 
+    // Restarts of a session in a row, each soon after the last with the same exit code, are held
+    // back and told as one crash loop when there are enough of them.
     void Put(Entry e) {
         e.seq = m_seq++;
         if (!InWindow(e.seconds)) {
@@ -161,6 +162,7 @@ private:
                               "CRASH LOOP: restarted " + std::to_string(run.size()) + " times " +
                                   FormatTime(run.front().seconds).substr(11) + "-" +
                                   FormatTime(run.back().seconds).substr(11) + ", exit " + ExitName(code));
+            loop.line.clear();  // it stands for several lines, not the one being read
             loop.seq = run.front().seq;
             loop.exitCode = run.front().exitCode;
             loop.graceful = run.front().graceful;

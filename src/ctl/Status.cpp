@@ -145,6 +145,12 @@ void Explain(const SessionLog& s, SessionView& view) {
     }
 }
 
+// Whether a process's log is of this running process, not of an earlier one with its id: the log
+// tells of its start no earlier than the process was created (a second for the clocks' rounding).
+bool LogIsOf(const ProcessLog& logged, const Process& p) {
+    return p.started < 0 || logged.started >= p.started - 1;
+}
+
 // The supervisor's uptime and host, and how the last supervisor before it ended.
 void Lifetimes(const LogState& log, const std::vector<Process>& processes, StatusReport& r) {
     const long long now = LocalNowSeconds();
@@ -166,7 +172,7 @@ void Lifetimes(const LogState& log, const std::vector<Process>& processes, Statu
     const std::pair<const unsigned long, ProcessLog>* pLast = nullptr;
     for (const auto& entry : log.processes) {
         const bool bRunning = std::any_of(processes.begin(), processes.end(), [&entry](const Process& p) {
-            return p.dwPid == entry.first && entry.second.started >= p.started - 1;
+            return p.dwPid == entry.first && LogIsOf(entry.second, p);
         });
         if (!entry.second.bRunKey && !entry.second.bRefused && !bRunning &&
             entry.first != r.phase.dwSupervisor &&
@@ -186,10 +192,6 @@ void Lifetimes(const LogState& log, const std::vector<Process>& processes, Statu
     }
 }
 
-}  // namespace
-
-namespace {
-
 // The supervisor, its successor and whether the log tells of it, into phase; its log, when it has one.
 const ProcessLog* FindSupervisor(const LogState& log, const std::vector<Process>& processes, Phase& phase) {
     // The supervisor: a running watchdog whose log shows it past its start and not yet ended, the
@@ -203,7 +205,7 @@ const ProcessLog* FindSupervisor(const LogState& log, const std::vector<Process>
         if (!SameText(p.strName, WATCHDOG_IMAGE_NAME)) {
             continue;
         }
-        if (it == log.processes.end() || (p.started >= 0 && it->second.started < p.started - 1)) {
+        if (it == log.processes.end() || !LogIsOf(it->second, p)) {
             dwUnlogged = p.dwPid;
             ++nUnlogged;
             continue;
@@ -441,13 +443,13 @@ StatusReport GatherStatus(const std::wstring& strPlatformGiven) {
     const bool bAgent = !strPlatform.empty() && ReadAgentLocation(strPlatform, strAgentDir, strAgent);
     r.platform = strPlatform;
     r.bAgent = bAgent;
-    r.agentText =
-        bAgent ? Utf8(strAgent)
-        : strPlatform.empty()
-            ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
-        : GetFileAttributesW((strPlatform + L"\\" + SESSION_AGENT_INI).c_str()) == INVALID_FILE_ATTRIBUTES
-            ? "unknown: there is no " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI)
-            : "unknown: no Path or Name in " + Utf8(strPlatform + L"\\" + SESSION_AGENT_INI);
+    const std::wstring strIni = strPlatform + L"\\" + SESSION_AGENT_INI;
+    r.agentText = bAgent ? Utf8(strAgent)
+                  : strPlatform.empty()
+                      ? "unknown: no supervisor runs to tell its platform directory (give --platform DIR)"
+                  : GetFileAttributesW(strIni.c_str()) == INVALID_FILE_ATTRIBUTES
+                      ? "unknown: there is no " + Utf8(strIni)
+                      : "unknown: no Path or Name in " + Utf8(strIni);
 
     FindSessions(log, processes, bAgent, strAgent, r.sessions);
     DWORD dwMaxValue = 0;
