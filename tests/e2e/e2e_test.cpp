@@ -87,11 +87,9 @@ TEST(Supervisor, WholeLife) {
     // The report reads the gate's manual-reset event without taking a signal.
     const std::wstring atGate = qt::Scratch(L"report") + L"\\gate.txt";
     ExpectCtl(L"report \"" + atGate + L"\"", 0, {"gate.txt"});
-    std::ostringstream gateReport;
-    gateReport << std::ifstream(std::filesystem::path(atGate)).rdbuf();
-    EXPECT_NE(std::string::npos,
-              gateReport.str().find("Global\\EVENT_ID_BREVANT_START_SERVICE: exists, not set"))
-        << gateReport.str();
+    const std::string gateReport = qt::ReadBytes(atGate);
+    EXPECT_NE(std::string::npos, gateReport.find("Global\\EVENT_ID_BREVANT_START_SERVICE: exists, not set"))
+        << gateReport;
     // The product's whole tree uninstalled and written again with 2: the gate follows the keys back
     // down and stays shut. Then its install key's parent deleted and the key written again with 1
     // at once: the gate opens.

@@ -20,11 +20,6 @@ DWORD Left(ULONGLONG deadline) {
     return static_cast<DWORD>(std::max<LONGLONG>(0, deadline - GetTickCount64()));
 }
 
-std::string ReadBytes(const std::wstring& path) {
-    std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
 void DeleteValue(const std::wstring& key, const std::wstring& value) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str());
 }
@@ -46,6 +41,11 @@ void StopKeld() {
 }
 
 }  // namespace
+
+std::string ReadBytes(const std::wstring& path) {
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
 
 std::wstring BuildPath(const char* variable) {
     const char* value = std::getenv(variable);

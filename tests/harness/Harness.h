@@ -40,6 +40,8 @@ using Handle = std::unique_ptr<void, CloseHandleOf>;
 Handle Own(HANDLE h);  // null for null and INVALID_HANDLE_VALUE
 
 // Paths: the build's programs (given by CMake as Unix paths) and the installed client of the prefix.
+// A file's bytes as they stand; empty when it cannot be read.
+std::string ReadBytes(const std::wstring& path);
 // The ids of a process's threads.
 std::vector<DWORD> ThreadsOf(DWORD pid);
 // A Unix path that CMake put in an environment variable, as Wine shows it on drive Z:.
