@@ -28,10 +28,10 @@ EWalk Walk(const char* pattern, const std::string& text, Recognised& out) {
             continue;
         }
         const char* close = std::strchr(p, '}');
-        const std::string spec(p + 1, close);
+        const std::string placeholder(p + 1, close);
         p = close + 1;
-        const size_t colon = spec.find(':');
-        const char kind = colon == std::string::npos ? 'd' : spec[colon + 1];
+        const size_t colon = placeholder.find(':');
+        const char kind = colon == std::string::npos ? 'd' : placeholder[colon + 1];
         bInField = true;
         size_t end = at;
         if (kind == 'd') {
@@ -64,7 +64,7 @@ EWalk Walk(const char* pattern, const std::string& text, Recognised& out) {
                 return EWalk::MISMATCH;
             }
         }
-        out.fields.emplace_back(spec.substr(0, colon), text.substr(at, end - at));
+        out.fields.emplace_back(placeholder.substr(0, colon), text.substr(at, end - at));
         at = end;
     }
     return at == text.size() ? EWalk::MATCH : EWalk::MISMATCH;

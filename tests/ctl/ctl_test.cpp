@@ -29,10 +29,10 @@ std::string L(int minute, int second, int pid, const std::string& message, bool 
 std::wstring Sample(const char* text, size_t i) {
     for (size_t n = 0; (text = std::strchr(text, '{')) != nullptr; ++n, ++text) {
         const char* close = std::strchr(text, '}');
-        const std::string spec(text + 1, close);
+        const std::string placeholder(text + 1, close);
         if (n == i)
-            return spec.find(":s") != std::string::npos ? L"C:\\Program Files (x86)\\a, b=1. c"
-                   : spec.find(":h") != std::string::npos
+            return placeholder.find(":s") != std::string::npos ? L"C:\\Program Files (x86)\\a, b=1. c"
+                   : placeholder.find(":h") != std::string::npos
                        ? L"00000000000001A4"
                        : std::to_wstring(i % 2 == 0 ? 4000000000LL + static_cast<long long>(i) : -7LL);
     }
